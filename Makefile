@@ -1,0 +1,44 @@
+# Set-up, build, tests and benchmarks. Everything lives in .venv and build/.
+PYTHON ?= python3
+VENV := .venv
+PY := $(VENV)/bin/python
+BUILD := build
+STAMP := $(VENV)/.installed
+TORCH_VERSION := 2.13.0
+JOBS ?= $(shell nproc)
+
+.PHONY: all build test test-cpp test-py bench clean
+
+all: build
+
+$(STAMP): requirements-dev.txt Makefile
+	test -x $(PY) || $(PYTHON) -m venv $(VENV)
+	$(PY) -m pip install -q --disable-pip-version-check torch==$(TORCH_VERSION)
+	$(PY) -m pip install -q --disable-pip-version-check -r requirements-dev.txt
+	@# GoogleTest for the C++ unit tests (Debian's package; skipped where apt is unavailable).
+	@test -f /usr/include/gtest/gtest.h || { command -v apt-get >/dev/null && \
+	  { apt-get update -qq && apt-get install -y -qq libgtest-dev >/dev/null; } || \
+	  echo "warning: libgtest-dev not installed; C++ unit tests will be skipped"; }
+	touch $@
+
+# Concurrent builds of one tree serialise on the lock.
+build: $(STAMP)
+	@flock .build.lock sh -c '\
+	  test -f $(BUILD)/CMakeCache.txt || cmake -S . -B $(BUILD) -DPython_EXECUTABLE=$(abspath $(PY)) >/dev/null; \
+	  cmake --build $(BUILD) -j $(JOBS)'
+
+test: test-cpp test-py
+
+test-cpp: build
+	@if [ -f $(BUILD)/CTestTestfile.cmake ]; then ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS) | tail -n 3; \
+	  else echo "C++ unit tests not built (GoogleTest missing)"; fi
+
+test-py: build
+	PYTHONPATH=$(BUILD) $(PY) -m pytest -q tests
+
+bench: build
+	@# Huge pages for torch's allocator: fresh 64 MiB buffers otherwise cost more in page faults than in bandwidth.
+	PYTHONPATH=$(BUILD) THP_MEM_ALLOC_ENABLE=1 $(PY) -m bench $(BENCH)
+
+clean:
+	rm -rf $(BUILD) .build.lock

@@ -1,0 +1,28 @@
+// Thread-pool interface of the CPU backend.
+//
+// Kernels split work through this interface; the operator layer implements it
+// on torch's intra-op pool, so kernels use the threads that torch.set_num_threads
+// configures without depending on torch themselves.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+
+namespace vorta::cpu {
+
+// Runs body(lo, hi) over disjoint chunks covering [begin, end); chunks hold at
+// least `grain` items unless the range is smaller. Runs inline for one chunk.
+void parallel_for(int64_t begin, int64_t end, int64_t grain,
+                  const std::function<void(int64_t, int64_t)>& body);
+
+// Number of threads parallel_for may use.
+int num_threads();
+
+// Chunk size for a loop over `n` items of `bytes_each` bytes: large enough to
+// amortise a task (~32 KiB of traffic), small enough to split across threads.
+inline int64_t grain_for(int64_t bytes_each) {
+  int64_t g = (int64_t(32) << 10) / (bytes_each > 0 ? bytes_each : 1);
+  return g > 0 ? g : 1;
+}
+
+}  // namespace vorta::cpu

@@ -1,0 +1,70 @@
+#include "ops/device.h"
+
+#include <c10/core/impl/DeviceGuardImplInterface.h>
+
+#include <atomic>
+#include <fstream>
+#include <string>
+
+#ifdef VORTA_WITH_CUDA
+#include <cuda_runtime_api.h>
+#endif
+
+namespace vorta {
+namespace {
+
+std::atomic<int> g_family_override{-1};
+
+struct DeviceInfo {
+  std::string name;
+  uint32_t simd_width;
+  uint32_t device_id;
+};
+
+DeviceInfo cpu_info() {
+  static const std::string name = [] {
+    std::ifstream in("/proc/cpuinfo");
+    std::string line;
+    while (std::getline(in, line))
+      if (line.rfind("model name", 0) == 0) {
+        auto colon = line.find(':');
+        return colon == std::string::npos ? std::string("cpu") : line.substr(colon + 2);
+      }
+    return std::string("cpu");
+  }();
+  // Float lanes of the vector unit the CPU kernels are built for.
+#if defined(__AVX2__)
+  return {name, 8, 0};
+#else
+  return {name, 4, 0};
+#endif
+}
+
+DeviceInfo query(const c10::Device& device) {
+  if (device.is_cpu()) return cpu_info();
+#ifdef VORTA_WITH_CUDA
+  if (device.is_cuda()) {
+    cudaDeviceProp prop{};
+    if (cudaGetDeviceProperties(&prop, device.index()) != cudaSuccess) return {"", 0, 0};
+    return {prop.name, uint32_t(prop.warpSize), uint32_t(prop.pciDeviceID)};
+  }
+#endif
+  return {"", 0, 0};
+}
+
+}  // namespace
+
+DeviceFamily get_device_family(const c10::Device& device) {
+  // Like a launch, the query needs a guard for the device type.
+  c10::impl::getDeviceGuardImpl(device.type());
+  int forced = g_family_override.load(std::memory_order_relaxed);
+  if (forced >= 0) return static_cast<DeviceFamily>(forced);
+  DeviceInfo info = query(device);
+  return classify_device(info.name, info.simd_width, info.device_id);
+}
+
+void set_device_family_override(std::optional<DeviceFamily> family) {
+  g_family_override.store(family ? static_cast<int>(*family) : -1, std::memory_order_relaxed);
+}
+
+}  // namespace vorta

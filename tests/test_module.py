@@ -1,0 +1,119 @@
+"""The module frame: registry order, docstrings, argument conversion, launch and families."""
+import types
+
+import pytest
+import torch
+
+import vorta_addons
+from helpers import count_records
+
+# The operator table in registration order, with docstrings.
+TABLE = [
+    ("sdp", "sdp"),
+    ("sdp_fp8", "fp8 sdp"),
+    ("sdp_causal", "sdp causal"),
+    ("sdp_fp8_causal", "sdp fp8 causal"),
+    ("sdp_non_causal", "sdp non causal"),
+    ("sdp_fp8_non_causal", "sdp fp8 non causal"),
+    ("siglip_sdp_non_causal", "siglip sdp non causal"),
+    ("gemma2_sdp", "gemma2 sdp"),
+    ("gemma2_sdp_causal", "gemma2 sdp causal"),
+    ("rms_norm", "fused rms norm"),
+    ("layer_norm", "fused layer norm"),
+    ("rotary_half_inplaced", "rotary half inplaced"),
+    ("rotary_two_inplaced", "rotary two inplaced"),
+    ("rotary_half_with_cache_inplaced", "rotary half with cache inplaced"),
+    ("rotary_two_with_cache_inplaced", "rotary two with cache inplaced"),
+    ("mlp_silu_mul_inplaced", "mlp silu_mul inplaced"),
+    ("quantize_key_value", "quantize key value"),
+    ("dequantize_key_value", "dequantize key value"),
+    ("repetition_penalty_logits_process_inplaced", "repetition penalty logits process"),
+    ("attn_softmax_inplaced", "attention softmax inplaced"),
+    ("moe_group_topk", "moe group topk"),
+    ("moe_softmax_topk", "moe softmax topk"),
+]
+
+
+def registered():
+    return [n for n, v in vars(vorta_addons).items() if isinstance(v, types.BuiltinFunctionType)]
+
+
+def test_registered_operators_follow_the_table_order():
+    names = registered()
+    expected = [n for n, _ in TABLE if n in names]
+    assert names == expected
+    assert {"rms_norm", "layer_norm"} <= set(names)
+
+
+@pytest.mark.parametrize("name,doc", TABLE)
+def test_docstring(name, doc):
+    fn = getattr(vorta_addons, name, None)
+    if fn is None:
+        pytest.skip(f"{name} not registered")
+    assert fn.__doc__.strip().splitlines()[-1] == doc
+
+
+@pytest.mark.parametrize("call", [
+    lambda: vorta_addons.rms_norm(None, torch.ones(2, 32), 1e-6),
+    lambda: vorta_addons.rms_norm(torch.ones(32), None, 1e-6),
+    lambda: vorta_addons.layer_norm(None, None, None, 1e-6),
+    lambda: vorta_addons.rms_norm(torch.ones(32), torch.ones(2, 32)),
+    lambda: vorta_addons.layer_norm(torch.ones(2, 32), None, None, 1e-5, 1.0),
+])
+def test_none_and_arity_are_type_errors(call):
+    with pytest.raises(TypeError):
+        call()
+
+
+def test_device_queries_need_a_guard_for_the_device_type():
+    with pytest.raises(RuntimeError, match="PyTorch is not linked with support for hpu devices"):
+        vorta_addons._testing.device_family(torch.device("hpu"))
+
+
+def test_devices_without_kernels_are_refused():
+    x = torch.ones(2, 32, device="meta")
+    with pytest.raises(RuntimeError, match="built without kernels for meta devices"):
+        vorta_addons.rms_norm(torch.ones(32, device="meta"), x, 1e-6)
+
+
+def test_one_profiler_record_per_launch():
+    x, w = torch.randn(8, 64), torch.randn(64)
+    counts = count_records(lambda: (vorta_addons.rms_norm(w, x, 1e-6),
+                                    vorta_addons.layer_norm(x, w, None, 1e-6),
+                                    vorta_addons.layer_norm(x, None, None, 1e-6)),
+                           "rms norm", "layer norm")
+    assert counts == {"rms norm": 1, "layer norm": 2}
+
+
+def test_results_follow_in_call_order():
+    # Successive operators see each other's results without explicit waits.
+    x, w = torch.randn(4, 64), torch.rand(64) + 0.5
+    y = vorta_addons.rms_norm(w, vorta_addons.rms_norm(w, x, 1e-6), 1e-6)
+    ref = vorta_addons.rms_norm(w, x, 1e-6)
+    ref = ref.double() * torch.rsqrt(ref.double().pow(2).mean(-1, keepdim=True) + 1e-6) * w.double()
+    torch.testing.assert_close(y.double(), ref, rtol=1e-5, atol=1e-6)
+
+
+FAMILIES = {"KESTREL": 0, "CONDOR": 1, "WREN": 2, "FINCH": 3, "OSPREY": 4, "LARK": 5, "LEGACY": 6, "OTHER": 7}
+
+
+@pytest.mark.parametrize("name,simd,dev_id,expected", [
+    ("Kestrel(TM) K Kestrel(TM)", 8, 0, "KESTREL"),
+    ("Kestrel(TM) Graphics", 16, 0, "FINCH"),
+    ("Kestrel(TM) Graphics", 8, 0, "WREN"),
+    ("Glim", 8, 0, "LEGACY"),
+    ("Harrier Server GPU", 8, 0, "KESTREL"),
+    ("Condor Server GPU", 8, 0, "CONDOR"),
+    ("NVIDIA H100", 32, 0, "OTHER"),
+])
+def test_classifier_is_exposed_to_tests(name, simd, dev_id, expected):
+    assert vorta_addons._testing.classify_device(name, simd, dev_id) == FAMILIES[expected]
+
+
+def test_cpu_classifies_as_other_unless_forced(family):
+    cpu = torch.device("cpu")
+    assert vorta_addons._testing.device_family(cpu) == FAMILIES["OTHER"]
+    family(FAMILIES["LARK"])
+    assert vorta_addons._testing.device_family(cpu) == FAMILIES["LARK"]
+    family(None)
+    assert vorta_addons._testing.device_family(cpu) == FAMILIES["OTHER"]
