@@ -1,0 +1,33 @@
+// Internals shared by the prefill attention operators: the entry layer's
+// checks and mask preparation, the path predicate, and the two prefill paths.
+#pragma once
+
+#include <ATen/core/Tensor.h>
+
+#include <optional>
+
+namespace vorta::sdp {
+
+// Shape and dtype agreement of query, key and value (fatal, "sdp/api").
+void check_qkv(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value);
+
+// Brings the optional mask into the form the prefill kernels read: additive,
+// query dtype, [bsz, num_heads, q_len, padded_kv] (padded_kv = kv_len rounded up
+// to 128, padding columns at -10000.0), possibly a broadcast view. Builds the
+// causal or the padding-only mask when none is given.
+void prepare_mask(std::optional<at::Tensor>& mask, const at::Tensor& query, const at::Tensor& key,
+                  bool causal);
+
+// True when the query's device family has a matrix engine and its head_dim is 64, 80 or 128.
+bool use_matrix_engine(const at::Tensor& query);
+
+// The two prefill paths; mask as prepared above.
+at::Tensor vector_prefill(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
+                          const at::Tensor& mask, float scale, bool fp8, bool causal);
+at::Tensor matrix_prefill(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
+                          const at::Tensor& mask, float scale, bool fp8, bool causal);
+// The vision-encoder variant of the matrix-engine path (head_dim 72, no scale).
+at::Tensor siglip_prefill(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
+                          const at::Tensor& mask);
+
+}  // namespace vorta::sdp
