@@ -1,0 +1,166 @@
+"""The decoder on vorta_addons: fused norm, rotary, attention, activation and penalty.
+
+Embedding lookups and the projections are plain torch matrix products; everything between
+them runs on the module's operators. The key/value cache is preallocated once as
+[layers, batch, kv_heads, max_len, head_dim] (float, or uint8 for the 8-bit code) and each
+step writes its rows in place into `cache[l][:, :, pos:pos + L]`; the attention operators
+read `cache[l][:, :, :pos + L]` as strided views, so the decode loop copies no history.
+"""
+from __future__ import annotations
+
+import math
+
+import torch
+import torch.nn.functional as F
+
+from .config import LlamaConfig
+from .moe import MoEWeights, moe_mlp
+
+# Operators the loop calls, per cache kind and rotary kind.
+REQUIRED_OPS = {
+    "base": ("rms_norm", "sdp_causal", "mlp_silu_mul_inplaced",
+             "repetition_penalty_logits_process_inplaced"),
+    "full": ("sdp",),
+    "int8": ("quantize_key_value", "sdp_fp8"),
+    "cache": ("rotary_half_with_cache_inplaced",),
+    "freq": ("rotary_half_inplaced",),
+}
+
+
+def missing_ops(ops, kv_cache="full", rope="cache", moe_routing=()):
+    names = list(REQUIRED_OPS["base"] + REQUIRED_OPS[kv_cache] + REQUIRED_OPS[rope])
+    names += ["moe_softmax_topk" if r == "softmax" else "moe_group_topk" for r in moe_routing]
+    return [n for n in names if not hasattr(ops, n)]
+
+
+class VortaLlama:
+    """A Llama-architecture decoder whose layers run on vorta_addons.
+
+    kv_cache: "full" (cache in the model dtype, decode with `sdp`) or "int8" (one-byte
+    codes written by `quantize_key_value`, decode with `sdp_fp8`).
+    rope: "cache" (`rotary_half_with_cache_inplaced` with cos/sin rows of the positions) or
+    "freq" (`rotary_half_inplaced` from inverse frequencies and position ids).
+    moe: optional {layer index: MoEWeights} replacing those layers' MLPs.
+    """
+
+    def __init__(self, cfg: LlamaConfig, weights: dict, dtype=torch.float32, device="cpu",
+                 kv_cache="full", rope="cache", batch=1, max_len=None, moe=None, ops=None):
+        if ops is None:
+            import vorta_addons as ops
+        if kv_cache not in ("full", "int8"):
+            raise ValueError("kv_cache must be 'full' or 'int8'")
+        if rope not in ("cache", "freq"):
+            raise ValueError("rope must be 'cache' or 'freq'")
+        self.ops, self.cfg, self.dtype, self.device = ops, cfg, dtype, torch.device(device)
+        self.kv_cache, self.rope, self.batch = kv_cache, rope, batch
+        self.max_len = max_len or cfg.max_position
+        self.scale = 1.0 / math.sqrt(cfg.head_dim)
+        conv = lambda t: t.to(device=self.device, dtype=dtype).contiguous()  # noqa: E731
+        self.embed = conv(weights["embed"])
+        self.lm_head = conv(weights["lm_head"]) if "lm_head" in weights else self.embed
+        self.norm = conv(weights["norm"])
+        self.layers = []
+        for i in range(cfg.num_layers):
+            p = f"layers.{i}."
+            self.layers.append({
+                "attn_norm": conv(weights[p + "attn_norm"]),
+                # One product gives q, k and v side by side: [tokens, (heads + 2 kv_heads) * head_dim].
+                "wqkv": conv(torch.cat([weights[p + "wq"], weights[p + "wk"], weights[p + "wv"]])),
+                "wo": conv(weights[p + "wo"]),
+                "ffn_norm": conv(weights[p + "ffn_norm"]),
+                # [2, hidden, inter]: one batched product yields gate and up as two dense blocks.
+                "wgu_t": conv(torch.stack([weights[p + "w_gate"].T, weights[p + "w_up"].T])),
+                "w_down": conv(weights[p + "w_down"]),
+            })
+        self.moe = {i: m.to(dtype=dtype, device=self.device) for i, m in (moe or {}).items()}
+        # Rotary tables: inverse frequencies and, for the cache kind, cos/sin rows per position
+        # (angles in float64, each row holding the head_dim/2 angles twice).
+        inv64 = 1.0 / (cfg.rope_theta ** (torch.arange(0, cfg.head_dim, 2, dtype=torch.float64) / cfg.head_dim))
+        self.inv_freq = inv64.to(device=self.device, dtype=dtype)
+        ang = torch.arange(self.max_len, dtype=torch.float64)[:, None] * inv64.float().double()[None, :]
+        ang = torch.cat([ang, ang], dim=1)
+        self.cos = ang.cos().to(device=self.device, dtype=dtype)
+        self.sin = ang.sin().to(device=self.device, dtype=dtype)
+        self.positions = torch.arange(self.max_len, dtype=torch.int64, device=self.device)[None, :]
+        shape = (cfg.num_layers, batch, cfg.num_kv_heads, self.max_len, cfg.head_dim)
+        cache_dtype = torch.uint8 if kv_cache == "int8" else dtype
+        self.k_cache = torch.zeros(shape, dtype=cache_dtype, device=self.device)
+        self.v_cache = torch.zeros(shape, dtype=cache_dtype, device=self.device)
+        self.pos = 0
+
+    def reset(self):
+        self.pos = 0
+
+    # -- one layer -------------------------------------------------------------------------
+
+    def _attention(self, i, h, b, L):
+        c, ops, lw = self.cfg, self.ops, self.layers[i]
+        H, K, D, pos = c.num_heads, c.num_kv_heads, c.head_dim, self.pos
+        qkv = F.linear(h, lw["wqkv"]).view(b, L, H + 2 * K, D)
+        q = qkv[:, :, :H].transpose(1, 2)            # [b, H, L, D] strided views of qkv
+        k = qkv[:, :, H:H + K].transpose(1, 2)
+        v = qkv[:, :, H + K:].transpose(1, 2)
+        if self.rope == "cache":
+            ops.rotary_half_with_cache_inplaced(q, k, self.cos[pos:pos + L], self.sin[pos:pos + L])
+        else:
+            ops.rotary_half_inplaced(self.inv_freq, self.positions[:, pos:pos + L], q, k)
+        kc, vc = self.k_cache[i], self.v_cache[i]
+        if self.kv_cache == "full":
+            kc[:, :, pos:pos + L].copy_(k)
+            vc[:, :, pos:pos + L].copy_(v)
+        else:
+            ops.quantize_key_value(k, v, kc[:, :, pos:pos + L], vc[:, :, pos:pos + L])
+        if L > 1:
+            if self.kv_cache == "full":
+                # The cache rows just written are dense per (batch, head): read them in place.
+                kk, vv = kc[:, :, :L], vc[:, :, :L]
+            else:
+                # Prefill attends over the exact prompt keys and values; the attention reads
+                # key rows dense per (batch, head), which the fused qkv views are not.
+                kk, vv = k.contiguous(), v.contiguous()
+            out = ops.sdp_causal(q, kk, vv, None, self.scale)
+        elif self.kv_cache == "full":
+            out = ops.sdp(q, kc[:, :, :pos + 1], vc[:, :, :pos + 1], None, self.scale)
+        else:
+            out = ops.sdp_fp8(q, kc[:, :, :pos + 1], vc[:, :, :pos + 1], None, self.scale)
+        # [b, H, L, D] (a view for prefill) -> [b * L, H * D]
+        return out.transpose(1, 2).reshape(b * L, H * D)
+
+    def _mlp(self, i, h):
+        if i in self.moe:
+            return moe_mlp(self.ops, self.moe[i], h)
+        lw = self.layers[i]
+        gu = torch.matmul(h, lw["wgu_t"])            # [2, tokens, inter]
+        gate, up = gu[0], gu[1]
+        self.ops.mlp_silu_mul_inplaced(gate, up)
+        return F.linear(gate, lw["w_down"])
+
+    # -- steps -----------------------------------------------------------------------------
+
+    @torch.no_grad()
+    def forward(self, tokens: torch.Tensor) -> torch.Tensor:
+        """tokens [b, L] at positions pos..pos+L-1 (L > 1 only for the prompt, at pos 0).
+
+        Returns the float32 logits of the last position, [b, vocab]."""
+        b, L = tokens.shape
+        if b != self.batch:
+            raise ValueError(f"batch {b}, model built for {self.batch}")
+        if L > 1 and self.pos != 0:
+            raise ValueError("a multi-token step is only supported as the prompt (position 0)")
+        if self.pos + L > self.max_len:
+            raise ValueError(f"sequence would exceed max_len={self.max_len}")
+        c, ops = self.cfg, self.ops
+        x = self.embed[tokens.reshape(-1)]            # [b * L, hidden]
+        for i, lw in enumerate(self.layers):
+            h = ops.rms_norm(lw["attn_norm"], x, c.rms_eps)
+            x += F.linear(self._attention(i, h, b, L), lw["wo"])
+            h = ops.rms_norm(lw["ffn_norm"], x, c.rms_eps)
+            x += self._mlp(i, h)
+        self.pos += L
+        last = x.view(b, L, -1)[:, -1].contiguous()
+        return F.linear(ops.rms_norm(self.norm, last, c.rms_eps), self.lm_head).float()
+
+    def penalize(self, scores: torch.Tensor, history: torch.Tensor, penalty: float) -> torch.Tensor:
+        """Repetition penalty in place on scores [b, vocab] (model dtype) from history [b, n]."""
+        self.ops.repetition_penalty_logits_process_inplaced(scores, history, penalty)
+        return scores
