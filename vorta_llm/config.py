@@ -1,3 +1,5 @@
+from __future__ import annotations
+
 """Model shape of a Llama-architecture decoder (grouped-query attention, rotate-half rotary)."""
 from dataclasses import dataclass
 

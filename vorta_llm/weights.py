@@ -119,8 +119,9 @@ def load_gguf(path: str) -> tuple[LlamaConfig, dict[str, torch.Tensor]]:
     return cfg, weights
 
 
-def random_weights(cfg: LlamaConfig, seed: int = 0) -> dict[str, torch.Tensor]:
-    """Seeded random init of the same architecture (projections N(0, 0.02), norms near 1)."""
+def random_weights(cfg: LlamaConfig, seed: int = 0, tied: bool = True) -> dict[str, torch.Tensor]:
+    """Seeded random init of the same architecture (small projections, norms near 1); with
+    `tied=False` a separate output head."""
     g = torch.Generator().manual_seed(seed)
     hd, qd, kd, ff = cfg.hidden_size, cfg.num_heads * cfg.head_dim, cfg.num_kv_heads * cfg.head_dim, cfg.intermediate_size
 
@@ -142,6 +143,8 @@ def random_weights(cfg: LlamaConfig, seed: int = 0) -> dict[str, torch.Tensor]:
         w[p + "w_gate"] = mat(ff, hd, 0.1)
         w[p + "w_up"] = mat(ff, hd, 0.1)
         w[p + "w_down"] = mat(hd, ff)
+    if not tied:
+        w["lm_head"] = mat(cfg.vocab_size, hd, 2.0 / hd ** 0.5)
     check_weights(cfg, w)
     return w
 
