@@ -27,8 +27,10 @@ TINY = LlamaConfig(vocab_size=320, hidden_size=128, intermediate_size=256, num_l
                    num_heads=4, num_kv_heads=2, head_dim=64, max_position=64)
 
 
-def need(kv_cache="full", rope="cache", moe_routing=()):
+def need(kv_cache="full", rope="cache", moe_routing=(), only=None):
     missing = missing_ops(vorta_addons, kv_cache, rope, moe_routing)
+    if only is not None:
+        missing = [n for n in missing if n in only]
     if missing:
         pytest.skip(f"operators not registered yet: {', '.join(missing)}")
 
@@ -121,7 +123,7 @@ def make_moe(name, hidden=128, inter=128, seed=7):
 
 @pytest.mark.parametrize("routing", ["softmax", "group"])
 def test_moe_mlp_matches_plain_routing(device, routing):
-    need(moe_routing=(routing,))
+    need(moe_routing=(routing,), only=("mlp_silu_mul_inplaced", f"moe_{routing}_topk"))
     m = make_moe(routing)
     h = torch.randn(37, 128, generator=torch.Generator().manual_seed(9))
     got = moe_mlp(vorta_addons, m.to(device=device), h.to(device)).cpu()
