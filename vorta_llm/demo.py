@@ -11,6 +11,7 @@ os.environ.setdefault("HF_HUB_OFFLINE", "1")      # never reach a model hub
 os.environ.setdefault("TRANSFORMERS_VERBOSITY", "error")
 
 import torch  # noqa: E402
+import vorta_addons  # noqa: E402  (after torch)
 
 from .config import LlamaConfig  # noqa: E402
 from .generate import Generation, TransformersRunner, generate  # noqa: E402
@@ -132,7 +133,7 @@ def compare(ours: Generation, other: Generation, name: str, tok, real):
 def main(argv=None):
     args = parse_args(argv)
     dtype = DTYPES[args.dtype]
-    missing = missing_ops(__import__("vorta_addons"), args.kv_cache, args.rope)
+    missing = missing_ops(vorta_addons, args.kv_cache, args.rope)
     if missing:
         sys.exit(f"vorta_addons lacks operators this demo needs: {', '.join(missing)}")
     torch.manual_seed(args.seed)
