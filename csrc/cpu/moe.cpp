@@ -14,6 +14,7 @@ namespace {
 
 constexpr int kLanes = 256;  // widest expert row
 constexpr int kMaxTopK = 32;
+constexpr int kMaxGroups = kLanes / 16;  // groups hold a multiple of 16 experts
 constexpr float kInf = std::numeric_limits<float>::infinity();
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
 
@@ -68,14 +69,108 @@ inline int take_max(float* v, int n, float& value) {
   return lane;
 }
 
-// Sums lanes 0..n-1 of a zero-padded array of `width` lanes by halving folds
-// (lane i + lane i + width/2, and so on down to one lane), in place.
+// take_max over a NaN-free row, repeated: the row is cut into blocks of 32
+// lanes whose maxima are kept, so a take looks at the block maxima, one block
+// and then refreshes that block's maximum. Same choices as take_max.
+// take_max repeated over any row, NaN lanes included.
+class ScanSelector {
+ public:
+  void init(float* v, int n) { v_ = v, n_ = n; }
+  int take(float& value) { return take_max(v_, n_, value); }
+
+ private:
+  float* v_ = nullptr;
+  int n_ = 0;
+};
+
+#if VORTA_AVX2
+class Selector {
+ public:
+  // v has room for n (a multiple of 8) rounded up to 32 lanes; the lanes past
+  // n become -inf, below every real lane, and are never taken.
+  void init(float* v, int n) {
+    v_ = v;
+    block_max_ = _mm256_set1_ps(-kInf);
+    const int padded = (n + 31) & ~31;
+    for (int i = n; i < padded; i += 8) _mm256_storeu_ps(v + i, _mm256_set1_ps(-kInf));
+    for (int b = 0; b * 32 < padded; ++b) {
+      const float* blk = v + 32 * b;
+      set_block_max(b, _mm256_loadu_ps(blk), _mm256_loadu_ps(blk + 8), _mm256_loadu_ps(blk + 16),
+                    _mm256_loadu_ps(blk + 24));
+    }
+  }
+
+  // Whole-vector loads and stores only: a narrow store read back by a wide
+  // load would stall on store forwarding.
+  int take(float& value) {
+    const __m256 m = broadcast_max(block_max_);
+    const int b =
+        __builtin_ctz(unsigned(_mm256_movemask_ps(_mm256_cmp_ps(block_max_, m, _CMP_EQ_OQ))));
+    float* blk = v_ + 32 * b;
+    __m256 x[4];
+    unsigned hits = 0;
+    for (int j = 0; j < 4; ++j) {
+      x[j] = _mm256_loadu_ps(blk + 8 * j);
+      hits |= unsigned(_mm256_movemask_ps(_mm256_cmp_ps(x[j], m, _CMP_EQ_OQ))) << (8 * j);
+    }
+    const unsigned first = hits & (0u - hits);
+    const __m256i bit = _mm256_setr_epi32(1, 2, 4, 8, 16, 32, 64, 128);
+    for (int j = 0; j < 4; ++j) {
+      const __m256i mine = _mm256_and_si256(_mm256_set1_epi32(int(first >> (8 * j))), bit);
+      x[j] = _mm256_blendv_ps(x[j], _mm256_set1_ps(-1.0f),
+                              _mm256_castsi256_ps(_mm256_cmpeq_epi32(mine, bit)));
+      _mm256_storeu_ps(blk + 8 * j, x[j]);
+    }
+    set_block_max(b, x[0], x[1], x[2], x[3]);
+    value = _mm256_cvtss_f32(m);
+    return 32 * b + __builtin_ctz(hits);
+  }
+
+ private:
+  static __m256 broadcast_max(__m256 m) {
+    m = _mm256_max_ps(m, _mm256_permute2f128_ps(m, m, 1));
+    m = _mm256_max_ps(m, _mm256_shuffle_ps(m, m, _MM_SHUFFLE(1, 0, 3, 2)));
+    return _mm256_max_ps(m, _mm256_shuffle_ps(m, m, _MM_SHUFFLE(2, 3, 0, 1)));
+  }
+  void set_block_max(int b, __m256 x0, __m256 x1, __m256 x2, __m256 x3) {
+    const __m256 m = broadcast_max(_mm256_max_ps(_mm256_max_ps(x0, x1), _mm256_max_ps(x2, x3)));
+    const __m256i lane = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
+    block_max_ = _mm256_blendv_ps(
+        block_max_, m, _mm256_castsi256_ps(_mm256_cmpeq_epi32(lane, _mm256_set1_epi32(b))));
+  }
+
+  float* v_ = nullptr;
+  __m256 block_max_;  // lane b: the largest value of lanes 32b..32b+31
+};
+#else
+using Selector = ScanSelector;
+#endif
+
+inline bool has_nan(const float* v, int n) {
+  bool nan = false;
+  for (int i = 0; i < n; ++i) nan |= v[i] != v[i];
+  return nan;
+}
+
+// Sums lanes 0..width-1 by halving folds (lane i + lane i + width/2, and so on
+// down to one lane), in place.
 inline float fold_sum(float* v, int width) {
   for (int w = width / 2; w >= 8; w /= 2)
     for (int i = 0; i < w; i += 8) (Vec8::load(v + i) + Vec8::load(v + i + w)).store(v + i);
   for (int w = 4; w >= 1; w /= 2)
     for (int i = 0; i < w; ++i) v[i] += v[i + w];
   return v[0];
+}
+
+// The halving-fold sum of 256 lanes whose lanes past n (a multiple of 8) are 0.0.
+inline float lane_sum(const float* p, int n) {
+  alignas(32) float s[kLanes / 2];
+  for (int i = 0; i < kLanes / 2; i += 8) {
+    const Vec8 a = i < n ? Vec8::load(p + i) : Vec8::zero();
+    const Vec8 b = i + kLanes / 2 < n ? Vec8::load(p + i + kLanes / 2) : Vec8::zero();
+    (a + b).store(s + i);
+  }
+  return fold_sum(s, kLanes / 2);
 }
 
 // Sum of the first k of 32 zero-padded weights, folded by halves.
@@ -100,9 +195,7 @@ void softmax_topk_row(const T* logits, int n, int top_k, bool renormalize, int64
   load_row(logits, p, n);
   const Vec8 vm = Vec8::broadcast(max_value(p, n)), l2e = Vec8::broadcast(1.4426950216293335f);
   for (int i = 0; i < n; i += 8) exp2((Vec8::load(p + i) - vm) * l2e).store(p + i);
-  alignas(32) float s[kLanes] = {};
-  std::memcpy(s, p, sizeof(float) * size_t(n));
-  const float sum = fold_sum(s, kLanes);
+  const float sum = lane_sum(p, n);
 
   int id[kMaxTopK];
   float w[kMaxTopK];
@@ -115,8 +208,10 @@ void softmax_topk_row(const T* logits, int n, int top_k, bool renormalize, int64
     // Lanes n..255 hold 0.0 and sit above every real lane: they are taken, in
     // order, only once every real lane has been taken (and turned into -1.0).
     int next_pad = n;
+    Selector lanes;
+    lanes.init(p, n);
     for (int k = 0; k < top_k; ++k) {
-      id[k] = take_max(p, n, w[k]);
+      id[k] = lanes.take(w[k]);
       if (w[k] < 0.0f) id[k] = next_pad++, w[k] = 0.0f;
     }
   }
@@ -125,6 +220,51 @@ void softmax_topk_row(const T* logits, int n, int top_k, bool renormalize, int64
     for (int k = 0; k < top_k; ++k) w[k] = w[k] / total;
   }
   store_choice(id, w, top_k, ids, weights);
+}
+
+struct GroupRouting {
+  int n, groups, per_group, topk_group, top_k;
+  bool renormalize;
+  float eps, scaling;
+};
+
+// The experts of one token from its biased scores v (overwritten).
+template <typename Sel>
+void choose_experts(const GroupRouting& r, float* v, int* id) {
+  // Group score: the sum of the group's topk_group largest values, taken one
+  // after another (a group of NaNs scores NaN). The groups take in turns so
+  // that their independent dependency chains overlap.
+  const int stride = (r.per_group + 31) & ~31;
+  alignas(32) float lanes[2 * kLanes];
+  Sel group[kMaxGroups];
+  float group_score[kMaxGroups];
+  for (int g = 0; g < r.groups; ++g) {
+    float* mine = lanes + g * stride;
+    for (int e = 0; e < r.per_group; e += 8) Vec8::load(v + g * r.per_group + e).store(mine + e);
+    group[g].init(mine, r.per_group);
+    group_score[g] = 0.0f;
+  }
+  for (int k = 0; k < r.topk_group; ++k) {
+    for (int g = 0; g < r.groups; ++g) {
+      float m;
+      group_score[g] = group_score[g] + (group[g].take(m) < 0 ? kNaN : m);
+    }
+  }
+  // Groups outside the best topk_group (ties to the lower group) count as 0.0.
+  for (int g = 0; g < r.groups; ++g) {
+    int rank = 0;
+    for (int j = 0; j < r.groups; ++j)
+      rank += group_score[j] > group_score[g] || (group_score[j] == group_score[g] && j < g);
+    if (rank >= r.topk_group)
+      for (int e = g * r.per_group; e < (g + 1) * r.per_group; ++e) v[e] = 0.0f;
+  }
+  Sel sel;
+  sel.init(v, r.n);
+  for (int k = 0; k < r.top_k; ++k) {
+    float m;
+    id[k] = sel.take(m);
+    if (id[k] < 0) id[k] = 0;  // nothing but NaN left: expert 0
+  }
 }
 
 }  // namespace
@@ -145,51 +285,30 @@ void moe_group_topk(const float* scores, const T* bias, int64_t* ids, T* weights
                     int64_t top_k, bool renormalize, float eps, float scaling) {
   std::vector<float> b(bias ? size_t(n_experts) : 0);
   for (size_t e = 0; e < b.size(); ++e) b[e] = to_float(bias[e]);
-  const int n = int(n_experts), groups = int(n_groups), per_group = n / groups;
+  const GroupRouting r{int(n_experts), int(n_groups), int(n_experts / n_groups), int(topk_group),
+                       int(top_k), renormalize, eps, scaling};
   parallel_for(0, num_tokens, 16, [&](int64_t lo, int64_t hi) {
     for (int64_t t = lo; t < hi; ++t) {
       const float* row = scores + t * n_experts;
       alignas(32) float v[kLanes];
       if (bias) {
-        for (int e = 0; e < n; e += 8) (Vec8::load(row + e) + Vec8::load(&b[e])).store(v + e);
+        for (int e = 0; e < r.n; e += 8) (Vec8::load(row + e) + Vec8::load(&b[e])).store(v + e);
       } else {
-        std::memcpy(v, row, sizeof(float) * size_t(n));
-      }
-      // Group score: the sum of the group's topk_group largest values, taken
-      // one after another with -1.0 written over each.
-      float group_score[kLanes / 8];
-      for (int g = 0; g < groups; ++g) {
-        alignas(32) float lanes[kLanes];
-        std::memcpy(lanes, v + g * per_group, sizeof(float) * size_t(per_group));
-        float score = 0.0f;
-        for (int64_t k = 0; k < topk_group; ++k) {
-          float m;
-          score = score + (take_max(lanes, per_group, m) < 0 ? kNaN : m);
-        }
-        group_score[g] = score;
-      }
-      // Groups outside the best topk_group (ties to the lower group) count as 0.0.
-      for (int g = 0; g < groups; ++g) {
-        int64_t rank = 0;
-        for (int j = 0; j < groups; ++j)
-          rank += group_score[j] > group_score[g] || (group_score[j] == group_score[g] && j < g);
-        if (rank >= topk_group)
-          for (int e = g * per_group; e < (g + 1) * per_group; ++e) v[e] = 0.0f;
+        std::memcpy(v, row, sizeof(float) * size_t(r.n));
       }
       int id[kMaxTopK];
       float w[kMaxTopK];
-      for (int k = 0; k < int(top_k); ++k) {
-        float m;
-        id[k] = take_max(v, n, m);
-        if (id[k] < 0) id[k] = 0;  // nothing but NaN left: expert 0
-        w[k] = row[id[k]];
-      }
+      if (has_nan(v, r.n))
+        choose_experts<ScanSelector>(r, v, id);
+      else
+        choose_experts<Selector>(r, v, id);
+      for (int k = 0; k < r.top_k; ++k) w[k] = row[id[k]];
       if (renormalize) {
-        const float total = weight_sum(w, int(top_k)) + eps;
-        for (int k = 0; k < int(top_k); ++k) w[k] = w[k] / total;
+        const float total = weight_sum(w, r.top_k) + eps;
+        for (int k = 0; k < r.top_k; ++k) w[k] = w[k] / total;
       }
-      for (int k = 0; k < int(top_k); ++k) w[k] = w[k] * scaling;
-      store_choice(id, w, int(top_k), ids + t * top_k, weights + t * top_k);
+      for (int k = 0; k < r.top_k; ++k) w[k] = w[k] * scaling;
+      store_choice(id, w, r.top_k, ids + t * top_k, weights + t * top_k);
     }
   });
 }
