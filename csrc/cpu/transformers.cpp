@@ -12,6 +12,7 @@ namespace vorta::cpu {
 namespace {
 
 constexpr float kLog2e = 1.4426950216293335f;
+constexpr int64_t kAhead = 48;  // gathers in flight per sequence
 
 // The k < 8 elements left at the end of a row, in lanes 0..k-1; `fill` elsewhere.
 template <typename T>
@@ -56,6 +57,8 @@ void softmax_row(T* x, int64_t n, float* e) {
 
   Vec8 s = Vec8::zero();
   for (i = 0; i < body; i += 8) {
+    // The next row streams in while this one is computed.
+    __builtin_prefetch(x + n + i);
     const Vec8 p = exp2((Vec8::load(x + i) - m) * l2e);
     p.store(e + i);
     s = s + p;
@@ -84,6 +87,8 @@ void repetition_penalty(T* scores, T* working, const int64_t* ids, int64_t score
       T* w = working + b * working_stride;
       const int64_t* id = ids + b * ids_stride;
       for (int64_t j = 0; j < seq_len; ++j) {
+        // Random columns of a long row: ask for later ones early.
+        if (j + kAhead < seq_len) __builtin_prefetch(row + id[j + kAhead]);
         const float x = to_float(row[id[j]]);
         w[j] = from_float<T>(x > 0.0f ? x / penalty : x * penalty);
       }
