@@ -16,6 +16,18 @@ inline float round_to(float x) {
   return to_float(from_float<T>(x));
 }
 
+// A product rounded to T on its own. The barrier keeps the compiler from
+// fusing it into the following sum: GCC's vectoriser forms fmaddsub from
+// scalar pairs even under -ffp-contract=off.
+template <typename T>
+inline float product(float a, float b) {
+  float p = a * b;
+#if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
+  asm("" : "+x"(p));
+#endif
+  return round_to<T>(p);
+}
+
 #if VORTA_AVX2
 template <typename T>
 inline __m256 load8(const T* p) {
@@ -134,8 +146,8 @@ void rotate_half_row(T* row, const float* c, const float* s, int64_t half) {
 #endif
   for (; i < half; ++i) {
     const float x1 = to_float(row[i]), x2 = to_float(row[half + i]);
-    row[i] = from_float<T>(round_to<T>(x1 * c[i]) - round_to<T>(x2 * s[i]));
-    row[half + i] = from_float<T>(round_to<T>(x2 * c[i]) + round_to<T>(x1 * s[i]));
+    row[i] = from_float<T>(product<T>(x1, c[i]) - product<T>(x2, s[i]));
+    row[half + i] = from_float<T>(product<T>(x2, c[i]) + product<T>(x1, s[i]));
   }
 }
 
@@ -156,8 +168,8 @@ void rotate_pairs_row(T* row, const float* cd, const float* sd, int64_t n) {
   for (; k < n; k += 2) {
     const float u = to_float(row[k]), v = to_float(row[k + 1]);
     const float c = cd[k], s = sd[k + 1];
-    row[k] = from_float<T>(round_to<T>(u * c) - round_to<T>(v * s));
-    row[k + 1] = from_float<T>(round_to<T>(v * c) + round_to<T>(u * s));
+    row[k] = from_float<T>(product<T>(u, c) - product<T>(v, s));
+    row[k + 1] = from_float<T>(product<T>(v, c) + product<T>(u, s));
   }
 }
 
