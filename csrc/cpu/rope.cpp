@@ -35,13 +35,13 @@ inline __m256 load8(const T* p) {
 }
 
 // bf16 rounding (to nearest, ties to even) of eight floats, as float bit
-// patterns with the low 16 bits clear; NaN stays a quiet NaN.
+// patterns with the low 16 bits clear. NaN needs no care here: every NaN in
+// these kernels comes from a bf16 load or is the hardware's default NaN, both
+// with zero low bits, so the increment cannot carry out of the mantissa.
 inline __m256i bf16_round_bits(__m256 v) {
   const __m256i b = _mm256_castps_si256(v);
   const __m256i lsb = _mm256_and_si256(_mm256_srli_epi32(b, 16), _mm256_set1_epi32(1));
-  __m256i r = _mm256_add_epi32(b, _mm256_add_epi32(lsb, _mm256_set1_epi32(0x7fff)));
-  const __m256i nan = _mm256_castps_si256(_mm256_cmp_ps(v, v, _CMP_UNORD_Q));
-  r = _mm256_blendv_epi8(r, _mm256_or_si256(b, _mm256_set1_epi32(0x00400000)), nan);
+  const __m256i r = _mm256_add_epi32(_mm256_add_epi32(b, _mm256_set1_epi32(0x7fff)), lsb);
   return _mm256_and_si256(r, _mm256_set1_epi32(int(0xffff0000u)));
 }
 
@@ -173,34 +173,58 @@ void rotate_pairs_row(T* row, const float* cd, const float* sd, int64_t n) {
   }
 }
 
+// Position of one row in the walk over all rows: token (b, s), then head h
+// (query heads first, then key heads).
+struct RowCursor {
+  int64_t b, s, h;
+  RowCursor(int64_t r, int64_t heads, int64_t seq_len)
+      : b(r / heads / seq_len), s(r / heads % seq_len), h(r % heads) {}
+  // Steps to the next row; true when that row belongs to a new token.
+  bool next(int64_t heads, int64_t seq_len) {
+    if (++h < heads) return false;
+    h = 0;
+    if (++s == seq_len) {
+      s = 0;
+      ++b;
+    }
+    return true;
+  }
+  template <typename T>
+  T* row(T* query, T* key, const RotaryRows& g) const {
+    const int64_t* qs = g.query_stride;
+    const int64_t* ks = g.key_stride;
+    return h < g.num_heads ? query + b * qs[0] + h * qs[1] + s * qs[2]
+                           : key + b * ks[0] + (h - g.num_heads) * ks[1] + s * ks[2];
+  }
+};
+
 // Runs rotate(row, table) over every query and key row in parallel. Rows are
 // walked token by token (all heads of token (b, s), then the next token), so
-// a chunk builds each token's table once: prepare(b, s, table).
+// a chunk builds each token's table once: prepare(b, s, table). Rows a few
+// steps ahead are prefetched: the rotation is light enough that waiting for
+// memory would otherwise dominate.
 template <typename T, typename Prepare, typename Rotate>
 void for_each_row(T* query, T* key, const RotaryRows& g, int64_t row_elems, int64_t table_floats,
                   Prepare prepare, Rotate rotate) {
+  constexpr int64_t kAhead = 8;
   const int64_t heads = g.num_heads + g.num_kv_heads;
   const int64_t total = g.bsz * g.seq_len * heads;
   if (total == 0) return;
-  const int64_t* qs = g.query_stride;
-  const int64_t* ks = g.key_stride;
-  parallel_for(0, total, grain_for(2 * row_elems * int64_t(sizeof(T))), [&](int64_t lo, int64_t hi) {
+  const int64_t row_bytes = row_elems * int64_t(sizeof(T));
+  parallel_for(0, total, grain_for(2 * row_bytes), [&](int64_t lo, int64_t hi) {
     std::vector<float> table(table_floats);
-    const int64_t token = lo / heads;
-    int64_t h = lo % heads, b = token / g.seq_len, s = token % g.seq_len;
-    prepare(b, s, table.data());
+    RowCursor at(lo, heads, g.seq_len), ahead = at;
+    for (int64_t r = lo; r < hi && r < lo + kAhead; ++r) ahead.next(heads, g.seq_len);
+    prepare(at.b, at.s, table.data());
     for (int64_t r = lo; r < hi; ++r) {
-      T* row = h < g.num_heads ? query + b * qs[0] + h * qs[1] + s * qs[2]
-                               : key + b * ks[0] + (h - g.num_heads) * ks[1] + s * ks[2];
-      rotate(row, static_cast<const float*>(table.data()));
-      if (++h == heads && r + 1 < hi) {
-        h = 0;
-        if (++s == g.seq_len) {
-          s = 0;
-          ++b;
-        }
-        prepare(b, s, table.data());
+      if (r + kAhead < hi) {
+        const uintptr_t p = reinterpret_cast<uintptr_t>(ahead.row(query, key, g));
+        for (uintptr_t line = p & ~uintptr_t(63); line < p + row_bytes; line += 64)
+          __builtin_prefetch(reinterpret_cast<const void*>(line), 1);
+        ahead.next(heads, g.seq_len);
       }
+      rotate(at.row(query, key, g), static_cast<const float*>(table.data()));
+      if (at.next(heads, g.seq_len) && r + 1 < hi) prepare(at.b, at.s, table.data());
     }
   });
 }
