@@ -1,10 +1,11 @@
+// The scalar 8-bit codes that every cache reader shares, checked against their definition by value.
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <type_traits>
 
 #include "common/kv_codes.h"
 #include "common/numeric.h"
-#include "cpu/kv_vec.h"
 
 namespace {
 
@@ -51,37 +52,5 @@ TEST(KvCodes, EncodeEveryPattern) {
   check_encode_all_patterns<KeyCode>();
   check_encode_all_patterns<ValueCode>();
 }
-
-TEST(KvCodes, ClampBoundsAreTheExtremeCodes) {
-  EXPECT_EQ(vorta::kv::decode<KeyCode>(0x7f), KeyCode::kMax);
-  EXPECT_EQ(vorta::kv::decode<KeyCode>(0x00), KeyCode::kMin);
-  EXPECT_EQ(vorta::kv::decode<ValueCode>(0x7f), ValueCode::kMax);
-  EXPECT_EQ(vorta::kv::decode<ValueCode>(0x00), ValueCode::kMin);
-}
-
-#if VORTA_AVX2
-template <class Code>
-void check_vector_forms() {
-  alignas(32) uint16_t in[16];
-  alignas(16) uint8_t out[16];
-  for (uint32_t base = 0; base < 65536; base += 16) {
-    for (int i = 0; i < 16; ++i) in[i] = uint16_t(base + i);
-    _mm_store_si128(reinterpret_cast<__m128i*>(out),
-                    vorta::cpu::encode16<Code>(_mm256_load_si256(reinterpret_cast<const __m256i*>(in))));
-    for (int i = 0; i < 16; ++i) ASSERT_EQ(out[i], vorta::kv::encode<Code>(in[i])) << base + i;
-  }
-  for (int base = 0; base < 256; base += 16) {
-    for (int i = 0; i < 16; ++i) out[i] = uint8_t(base + i);
-    _mm256_store_si256(reinterpret_cast<__m256i*>(in),
-                       vorta::cpu::decode16<Code>(_mm_load_si128(reinterpret_cast<const __m128i*>(out))));
-    for (int i = 0; i < 16; ++i) ASSERT_EQ(in[i], vorta::kv::decode<Code>(out[i])) << base + i;
-  }
-}
-
-TEST(KvCodes, VectorFormsMatchScalarOnEveryInput) {
-  check_vector_forms<KeyCode>();
-  check_vector_forms<ValueCode>();
-}
-#endif
 
 }  // namespace
