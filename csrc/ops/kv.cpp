@@ -39,6 +39,15 @@ void check_rows(const at::Tensor& key, const at::Tensor& value, const at::Tensor
               "the outputs must have the head sizes of key and value");
 }
 
+// The other three tensors have the key's [bsz, num_heads, seq_len] rows.
+void check_row_grid(const at::Tensor& value, const at::Tensor& key_output,
+                    const at::Tensor& value_output, int64_t bsz, int64_t num_heads,
+                    int64_t seq_len) {
+  VORTA_ASSERT(value.size(0) == bsz && key_output.size(0) == bsz && value_output.size(0) == bsz);
+  VORTA_ASSERT(value.size(1) == num_heads && key_output.size(1) == num_heads && value_output.size(1) == num_heads);
+  VORTA_ASSERT(value.size(2) == seq_len && key_output.size(2) == seq_len && value_output.size(2) == seq_len);
+}
+
 template <typename T>
 void quantize_key_value_kernel(const at::Tensor& key, const at::Tensor& value,
                                const at::Tensor& key_output, const at::Tensor& value_output) {
@@ -82,9 +91,7 @@ void quantize_key_value(const at::Tensor& key, const at::Tensor& value,
   const int64_t bsz = key.size(0), num_heads = key.size(1), seq_len = key.size(2),
                 head_dim = key.size(3);
   VORTA_ASSERT(key.scalar_type() == value.scalar_type());
-  VORTA_ASSERT(value.size(0) == bsz && key_output.size(0) == bsz && value_output.size(0) == bsz);
-  VORTA_ASSERT(value.size(1) == num_heads && key_output.size(1) == num_heads && value_output.size(1) == num_heads);
-  VORTA_ASSERT(value.size(2) == seq_len && key_output.size(2) == seq_len && value_output.size(2) == seq_len);
+  check_row_grid(value, key_output, value_output, bsz, num_heads, seq_len);
   if (key.size(3) != value.size(3)) {
     // The one unbalanced pairing: 192-wide keys with 128-wide values.
     dispatch_int<192>(key.size(3), "unsupported key head_dim, only 192 are supported", [](auto) {});
@@ -103,9 +110,7 @@ void dequantize_key_value(const at::Tensor& key, const at::Tensor& value,
   const int64_t bsz = key.size(0), num_heads = key.size(1), seq_len = key.size(2),
                 head_dim = key.size(3);
   VORTA_ASSERT(key_output.scalar_type() == value_output.scalar_type());
-  VORTA_ASSERT(value.size(0) == bsz && key_output.size(0) == bsz && value_output.size(0) == bsz);
-  VORTA_ASSERT(value.size(1) == num_heads && key_output.size(1) == num_heads && value_output.size(1) == num_heads);
-  VORTA_ASSERT(value.size(2) == seq_len && key_output.size(2) == seq_len && value_output.size(2) == seq_len);
+  check_row_grid(value, key_output, value_output, bsz, num_heads, seq_len);
   VORTA_ASSERT(value.size(3) == head_dim && key_output.size(3) == head_dim && value_output.size(3) == head_dim);
   dispatch_int<192, 128, 96, 80, 64>(head_dim, kHeadDims, [](auto) {});
   dispatch_float_half(key_output.scalar_type(), [&](auto tag) {
