@@ -78,8 +78,8 @@ def test_inv_freq_rotation(every_two, head_dim, dtype):
     q, qc, k, kc = qk_views(head_dim, dtype, seed=head_dim)
     inv_freq = (1.0 / 10000 ** (torch.arange(0, head_dim, 2) / head_dim)).to(dtype)
     # One position row shared by the batch for some sizes; per-row, with row stride SEQ + 5, for others.
-    positions = torch.randint(0, 8192, (1, SEQ)) if head_dim in (20, 128) else \
-        torch.randint(0, 8192, (BSZ, SEQ + 5))[:, 2:2 + SEQ]
+    positions = torch.randint(0, 1 << 17, (1, SEQ)) if head_dim in (20, 128) else \
+        torch.randint(0, 1 << 17, (BSZ, SEQ + 5))[:, 2:2 + SEQ]
     positions[0, 0] = 0
     q0, k0 = q.clone(), k.clone()
     op = vorta_addons.rotary_two_inplaced if every_two else vorta_addons.rotary_half_inplaced

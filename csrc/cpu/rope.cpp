@@ -1,5 +1,6 @@
 #include "cpu/rope.h"
 
+#include <algorithm>
 #include <cmath>
 #include <vector>
 
@@ -211,7 +212,10 @@ void for_each_row(T* query, T* key, const RotaryRows& g, int64_t row_elems, int6
   const int64_t total = g.bsz * g.seq_len * heads;
   if (total == 0) return;
   const int64_t row_bytes = row_elems * int64_t(sizeof(T));
-  parallel_for(0, total, grain_for(2 * row_bytes), [&](int64_t lo, int64_t hi) {
+  // A chunk spans at least one token: its table is then built about once per
+  // chunk, and a single decode token stays on the calling thread.
+  const int64_t grain = std::max(grain_for(2 * row_bytes), heads);
+  parallel_for(0, total, grain, [&](int64_t lo, int64_t hi) {
     std::vector<float> table(table_floats);
     RowCursor at(lo, heads, g.seq_len), ahead = at;
     for (int64_t r = lo; r < hi && r < lo + kAhead; ++r) ahead.next(heads, g.seq_len);
