@@ -108,7 +108,7 @@ def test_fake_quant_follows_the_byte_code():
 
 MOE_CASES = {
     "softmax": dict(experts=16, top_k=4, kw=dict(routing="softmax", renormalize=True)),
-    "group": dict(experts=32, top_k=4, kw=dict(routing="group", renormalize=True, n_groups=4,
+    "group": dict(experts=64, top_k=6, kw=dict(routing="group", renormalize=True, n_groups=4,
                                                topk_group=2, eps=1e-20, scale=2.5)),
 }
 
