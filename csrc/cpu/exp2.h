@@ -1,11 +1,11 @@
 // Vectorised base-2 exponential for the CPU kernels.
 //
 // 2^x = 2^n * 2^f with n = round(x), |f| <= 1/2; 2^f from a degree-6
-// polynomial in fused multiply-adds (relative error about 1.5e-7, close to
-// one float ulp). The scale 2^n is applied as two normal powers of two so that
-// results down in the subnormal range are rounded once instead of flushed:
-// x <= -150 gives +0, x >= 128 gives +inf, NaN stays NaN. The AVX2 and scalar paths evaluate the
-// same operations in the same order and agree bit for bit.
+// polynomial in fused multiply-adds (within one float ulp). Where the result
+// is a normal float, 2^n is added to its exponent field; elsewhere it is
+// applied as two normal powers of two, so that subnormal results are rounded
+// once instead of flushed: x <= -150 gives +0, x >= 128 gives +inf, NaN stays
+// NaN. Both scalings are exact, and the AVX2 and scalar paths agree bit for bit.
 #pragma once
 
 #include <cmath>
