@@ -1,11 +1,11 @@
 // Vectorised base-2 exponential for the CPU kernels.
 //
 // 2^x = 2^n * 2^f with n = round(x), |f| <= 1/2; 2^f from a degree-6
-// polynomial in fused multiply-adds (relative error about 1.5e-7, close to
-// one float ulp). The scale 2^n is applied as two normal powers of two so that
-// results down in the subnormal range are rounded once instead of flushed:
-// x <= -150 gives +0, x >= 128 gives +inf, NaN stays NaN. The AVX2 and scalar paths evaluate the
-// same operations in the same order and agree bit for bit.
+// polynomial in fused multiply-adds (within one float ulp). Where the result
+// is a normal float, 2^n is added to its exponent field; elsewhere it is
+// applied as two normal powers of two, so that subnormal results are rounded
+// once instead of flushed: x <= -150 gives +0, x >= 128 gives +inf, NaN stays
+// NaN. Both scalings are exact, and the AVX2 and scalar paths agree bit for bit.
 #pragma once
 
 #include <cmath>
@@ -49,20 +49,28 @@ inline float exp2_scalar(float x) {
 
 #if VORTA_AVX2 && defined(__FMA__)
 
-inline Vec8 exp2(Vec8 v) {
-  using namespace exp2_detail;
-  // min/max return their second operand when either is NaN: keep x there.
-  __m256 x = _mm256_min_ps(_mm256_set1_ps(kHi), v.v);
-  x = _mm256_max_ps(_mm256_set1_ps(kLo), x);
-  const __m256 n = _mm256_round_ps(x, _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC);
-  const __m256 f = _mm256_sub_ps(x, n);
+namespace exp2_detail {
+inline __m256 poly(__m256 f) {
   __m256 p = _mm256_set1_ps(kC0);
   p = _mm256_fmadd_ps(p, f, _mm256_set1_ps(kC1));
   p = _mm256_fmadd_ps(p, f, _mm256_set1_ps(kC2));
   p = _mm256_fmadd_ps(p, f, _mm256_set1_ps(kC3));
   p = _mm256_fmadd_ps(p, f, _mm256_set1_ps(kC4));
   p = _mm256_fmadd_ps(p, f, _mm256_set1_ps(kC5));
-  p = _mm256_fmadd_ps(p, f, _mm256_set1_ps(1.0f));
+  return _mm256_fmadd_ps(p, f, _mm256_set1_ps(1.0f));
+}
+
+inline __m256 round_nearest(__m256 x) {
+  return _mm256_round_ps(x, _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC);
+}
+
+// Any x, with clamping and the two-step scale.
+[[gnu::noinline]] inline __m256 exp2_any(__m256 v) {
+  // min/max return their second operand when either is NaN: keep x there.
+  __m256 x = _mm256_min_ps(_mm256_set1_ps(kHi), v);
+  x = _mm256_max_ps(_mm256_set1_ps(kLo), x);
+  const __m256 n = round_nearest(x);
+  const __m256 p = poly(_mm256_sub_ps(x, n));
   // NaN lanes convert to INT_MIN; p is NaN there and stays NaN.
   const __m256i ni = _mm256_cvtps_epi32(n);
   const __m256i a = _mm256_srai_epi32(ni, 1);
@@ -70,7 +78,21 @@ inline Vec8 exp2(Vec8 v) {
   const __m256i bias = _mm256_set1_epi32(127);
   const __m256 sa = _mm256_castsi256_ps(_mm256_slli_epi32(_mm256_add_epi32(a, bias), 23));
   const __m256 sb = _mm256_castsi256_ps(_mm256_slli_epi32(_mm256_add_epi32(b, bias), 23));
-  return {_mm256_mul_ps(_mm256_mul_ps(p, sa), sb)};
+  return _mm256_mul_ps(_mm256_mul_ps(p, sa), sb);
+}
+}  // namespace exp2_detail
+
+inline Vec8 exp2(Vec8 v) {
+  using namespace exp2_detail;
+  // -125 <= x <= 127 (not NaN): the result is a normal float, and adding n to
+  // its exponent field scales it exactly, as the two multiplications would.
+  const __m256 ok = _mm256_and_ps(_mm256_cmp_ps(v.v, _mm256_set1_ps(-125.0f), _CMP_GE_OQ),
+                                  _mm256_cmp_ps(v.v, _mm256_set1_ps(127.0f), _CMP_LE_OQ));
+  if (_mm256_movemask_ps(ok) != 0xff) return {exp2_any(v.v)};
+  const __m256 n = round_nearest(v.v);
+  const __m256 p = poly(_mm256_sub_ps(v.v, n));
+  const __m256i scale = _mm256_slli_epi32(_mm256_cvtps_epi32(n), 23);
+  return {_mm256_castsi256_ps(_mm256_add_epi32(_mm256_castps_si256(p), scale))};
 }
 
 #else

@@ -18,8 +18,15 @@ constexpr int kMaxGroups = kLanes / 16;  // groups hold a multiple of 16 experts
 constexpr float kInf = std::numeric_limits<float>::infinity();
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
 
-// The largest non-NaN value of v[0..n) (n a multiple of 8); -inf if none.
 #if VORTA_AVX2
+// Every lane: the largest of the 8 lanes.
+inline __m256 broadcast_max(__m256 m) {
+  m = _mm256_max_ps(m, _mm256_permute2f128_ps(m, m, 1));
+  m = _mm256_max_ps(m, _mm256_shuffle_ps(m, m, _MM_SHUFFLE(1, 0, 3, 2)));
+  return _mm256_max_ps(m, _mm256_shuffle_ps(m, m, _MM_SHUFFLE(2, 3, 0, 1)));
+}
+
+// The largest non-NaN value of v[0..n) (n a multiple of 8); -inf if none.
 inline float max_value(const float* v, int n) {
   // max_ps returns its second operand when either is NaN: the accumulator
   // goes second and never becomes NaN.
@@ -30,33 +37,14 @@ inline float max_value(const float* v, int n) {
     a1 = _mm256_max_ps(_mm256_loadu_ps(v + i + 8), a1);
   }
   if (i < n) a0 = _mm256_max_ps(_mm256_loadu_ps(v + i), a0);
-  __m256 m = _mm256_max_ps(a0, a1);
-  m = _mm256_max_ps(m, _mm256_permute2f128_ps(m, m, 1));
-  m = _mm256_max_ps(m, _mm256_shuffle_ps(m, m, _MM_SHUFFLE(1, 0, 3, 2)));
-  m = _mm256_max_ps(m, _mm256_shuffle_ps(m, m, _MM_SHUFFLE(2, 3, 0, 1)));
-  return _mm256_cvtss_f32(m);
-}
-
-// The lowest lane of v[0..n) equal to m, or -1.
-inline int first_equal(const float* v, int n, float m) {
-  const __m256 vm = _mm256_set1_ps(m);
-  for (int i = 0; i < n; i += 8) {
-    const int hits = _mm256_movemask_ps(_mm256_cmp_ps(_mm256_loadu_ps(v + i), vm, _CMP_EQ_OQ));
-    if (hits) return i + __builtin_ctz(unsigned(hits));
-  }
-  return -1;
+  return _mm256_cvtss_f32(broadcast_max(_mm256_max_ps(a0, a1)));
 }
 #else
+// The largest non-NaN value of v[0..n); -inf if none.
 inline float max_value(const float* v, int n) {
   float m = -kInf;
   for (int i = 0; i < n; ++i) m = v[i] > m ? v[i] : m;
   return m;
-}
-
-inline int first_equal(const float* v, int n, float m) {
-  for (int i = 0; i < n; ++i)
-    if (v[i] == m) return i;
-  return -1;
 }
 #endif
 
@@ -64,14 +52,16 @@ inline int first_equal(const float* v, int n, float m) {
 // `value`, writes -1.0 over its lane (so the next call finds the next one) and
 // returns the lane. Returns -1 and leaves v alone when every lane is NaN.
 inline int take_max(float* v, int n, float& value) {
-  const int lane = first_equal(v, n, max_value(v, n));
-  if (lane >= 0) value = v[lane], v[lane] = -1.0f;
-  return lane;
+  const float m = max_value(v, n);
+  for (int lane = 0; lane < n; ++lane) {
+    if (v[lane] == m) {
+      value = v[lane], v[lane] = -1.0f;
+      return lane;
+    }
+  }
+  return -1;
 }
 
-// take_max over a NaN-free row, repeated: the row is cut into blocks of 32
-// lanes whose maxima are kept, so a take looks at the block maxima, one block
-// and then refreshes that block's maximum. Same choices as take_max.
 // take_max repeated over any row, NaN lanes included.
 class ScanSelector {
  public:
@@ -83,6 +73,9 @@ class ScanSelector {
   int n_ = 0;
 };
 
+// take_max repeated over a NaN-free row: the row is cut into blocks of 32
+// lanes whose maxima are kept, so that a take looks at the block maxima and
+// one block, then refreshes that block's maximum. Same choices as take_max.
 #if VORTA_AVX2
 class Selector {
  public:
@@ -127,11 +120,6 @@ class Selector {
   }
 
  private:
-  static __m256 broadcast_max(__m256 m) {
-    m = _mm256_max_ps(m, _mm256_permute2f128_ps(m, m, 1));
-    m = _mm256_max_ps(m, _mm256_shuffle_ps(m, m, _MM_SHUFFLE(1, 0, 3, 2)));
-    return _mm256_max_ps(m, _mm256_shuffle_ps(m, m, _MM_SHUFFLE(2, 3, 0, 1)));
-  }
   void set_block_max(int b, __m256 x0, __m256 x1, __m256 x2, __m256 x3) {
     const __m256 m = broadcast_max(_mm256_max_ps(_mm256_max_ps(x0, x1), _mm256_max_ps(x2, x3)));
     const __m256i lane = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
@@ -205,7 +193,7 @@ void softmax_topk_row(const T* logits, int n, int top_k, bool renormalize, int64
   } else {
     const Vec8 vs = Vec8::broadcast(sum);
     for (int i = 0; i < n; i += 8) (Vec8::load(p + i) / vs).store(p + i);
-    // Lanes n..255 hold 0.0 and sit above every real lane: they are taken, in
+    // Lanes n..255 hold 0.0 and come after every real lane: they are taken, in
     // order, only once every real lane has been taken (and turned into -1.0).
     int next_pad = n;
     Selector lanes;
@@ -224,8 +212,6 @@ void softmax_topk_row(const T* logits, int n, int top_k, bool renormalize, int64
 
 struct GroupRouting {
   int n, groups, per_group, topk_group, top_k;
-  bool renormalize;
-  float eps, scaling;
 };
 
 // The experts of one token from its biased scores v (overwritten).
@@ -286,7 +272,7 @@ void moe_group_topk(const float* scores, const T* bias, int64_t* ids, T* weights
   std::vector<float> b(bias ? size_t(n_experts) : 0);
   for (size_t e = 0; e < b.size(); ++e) b[e] = to_float(bias[e]);
   const GroupRouting r{int(n_experts), int(n_groups), int(n_experts / n_groups), int(topk_group),
-                       int(top_k), renormalize, eps, scaling};
+                       int(top_k)};
   parallel_for(0, num_tokens, 16, [&](int64_t lo, int64_t hi) {
     for (int64_t t = lo; t < hi; ++t) {
       const float* row = scores + t * n_experts;

@@ -75,8 +75,9 @@ std::tuple<at::Tensor, at::Tensor> moe_softmax_topk(const at::Tensor& logits, in
     moe_softmax_topk_kernel<T, 16>(logits.const_data_ptr(), mut_ptr<int64_t>(topk_ids),
                                    topk_weights.data_ptr(), int32_t(num_tokens),
                                    int32_t(n_experts), int32_t(top_k), renormalize,
-                                   logits.device(),
-                                   [&] { TORCH_CHECK(logits.is_contiguous(), "logits must be contiguous"); });
+                                   logits.device(), [&] {
+      TORCH_CHECK(logits.is_contiguous(), "logits must be contiguous");
+    });
   });
   return {topk_ids, topk_weights};
 }
