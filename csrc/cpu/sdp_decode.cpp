@@ -23,24 +23,13 @@ constexpr float kNegInf = -std::numeric_limits<float>::infinity();
 
 int64_t ceil_div(int64_t a, int64_t b) { return (a + b - 1) / b; }
 
-// n packed cache rows of d elements as float rows. With pad, the rows are
-// zero-extended to a multiple of 8 so that keys can be scored eight at a time.
-// Float rows are used in place where no padding is needed.
-template <class Code, typename C>
-const float* rows_as_float(const C* src, int n, int64_t d, float* buf, bool pad) {
-  const int64_t count = n * d, padded = (pad ? (n + 7) / 8 * 8 : n) * d;
-  if constexpr (std::is_same_v<C, float>) {
-    if (padded == count) return src;
-    std::copy(src, src + count, buf);
-  } else if constexpr (std::is_same_v<C, half>) {
-    for (int64_t i = 0; i < count; i += 8) Vec8::load(src + i).store(buf + i);
-  } else {
-    static_assert(std::is_same_v<C, uint8_t>, "cache elements are float, half or 8-bit codes");
-    for (int64_t i = 0; i < count; i += 8) load_codes<Code>(src + i).store(buf + i);
-  }
-  std::fill(buf + count, buf + padded, 0.0f);
-  return buf;
-}
+// Eight cache elements as floats.
+template <class Code>
+Vec8 widen8(const float* p) { return Vec8::load(p); }
+template <class Code>
+Vec8 widen8(const half* p) { return Vec8::load(p); }
+template <class Code>
+Vec8 widen8(const uint8_t* p) { return load_codes<Code>(p); }
 
 template <typename T>
 Vec8 load_first(const T* p, int n) {
@@ -50,33 +39,28 @@ Vec8 load_first(const T* p, int n) {
   return Vec8::load(tmp);
 }
 
-// The dot products of q with the 8 rows k, k + d, ..., k + 7d.
-inline Vec8 dot8(const float* q, const float* k, int64_t d) {
-  Vec8 acc[8];
-  for (Vec8& a : acc) a = Vec8::zero();
-  for (int64_t i = 0; i < d; i += 8) {
-    const Vec8 qv = Vec8::load(q + i);
-    for (int t = 0; t < 8; ++t) acc[t] = fmadd(qv, Vec8::load(k + t * d + i), acc[t]);
-  }
-  return transpose_add(acc);
+// Prefetches the cache lines of n elements at p.
+template <typename C>
+void prefetch_span(const C* p, int64_t n) {
+  const char* bytes = reinterpret_cast<const char*>(p);
+  for (int64_t i = 0; i < n * int64_t(sizeof(C)); i += 64) prefetch(bytes + i);
 }
 
 // Online-softmax attention of up to kMaxRows query rows that share one
-// key/value head, fed one block of at most 32 keys at a time. Each block's
-// keys and values are widened to float once and used for all rows.
+// key/value head, fed one block of at most 32 keys at a time. Keys and values
+// are widened in registers, in tiles of R rows (4, 2 or 1) by 8 / R keys or
+// value vectors, so every element widened serves R rows.
 template <typename T, typename C>
 class RowTile {
  public:
   RowTile(const DecodeInputs<T, C>& in, int64_t max_rows)
       : in_(in), d_(in.head_dim), dv_(in.value_head_dim), group_(in.num_heads / in.kv_heads),
-        buf_(max_rows * (d_ + dv_ + kBlock + 3) + kBlock * (d_ + dv_)) {
+        buf_(max_rows * (d_ + dv_ + kBlock + 3)) {
     float* next = buf_.data();
     auto take = [&](int64_t n) { return std::exchange(next, next + n); };
     q_ = take(max_rows * d_);
     acc_ = take(max_rows * dv_);
     p_ = take(max_rows * kBlock);
-    kbuf_ = take(kBlock * d_);
-    vbuf_ = take(kBlock * dv_);
     m_ = take(max_rows);
     l_ = take(max_rows);
     alpha_ = take(max_rows);
@@ -107,35 +91,11 @@ class RowTile {
 
   // Adds keys [j0, j0 + nk), 1 <= nk <= 32.
   void add_block(int64_t j0, int nk) {
-    const float* k = rows_as_float<kv::KeyCode>(key_ + j0 * d_, nk, d_, kbuf_, true);
-    const Vec8 scale = Vec8::broadcast(in_.scale);
-    const int groups = (nk + 7) / 8;
-    for (int64_t i = 0; i < n_; ++i) {
-      float* p = p_ + i * kBlock;
-      Vec8 top = Vec8::broadcast(kNegInf);
-      for (int t = 0; t < groups; ++t) {
-        const int valid = std::min(8, nk - 8 * t);
-        Vec8 s = dot8(q_ + i * d_, k + 8 * t * d_, d_) * scale;
-        if (mask_[i]) s = s + load_first(mask_[i] + j0 + 8 * t, valid);
-        s.store(p + 8 * t);
-        std::fill(p + 8 * t + valid, p + 8 * t + 8, kNegInf);
-        top = max(top, Vec8::load(p + 8 * t));
-      }
-      const float m = std::max(m_[i], reduce_max(top));
-      alpha_[i] = std::exp(m_[i] - m);  // 0 on the first block
-      m_[i] = m;
-      Vec8 sum = Vec8::zero();
-      for (int t = 0; t < groups; ++t) {
-        const Vec8 e = exp(Vec8::load(p + 8 * t) - Vec8::broadcast(m));
-        e.store(p + 8 * t);
-        sum = sum + e;
-      }
-      l_[i] = l_[i] * alpha_[i] + reduce_add(sum);
-    }
-    const float* v = rows_as_float<kv::ValueCode>(value_ + j0 * dv_, nk, dv_, vbuf_, false);
-    int64_t i = 0;
-    for (; i + 2 <= n_; i += 2) add_values<2>(i, v, nk);
-    if (i < n_) add_values<1>(i, v, nk);
+    const C* k = key_ + j0 * d_;
+    const C* v = value_ + j0 * dv_;
+    for_row_tiles([&](auto rows, int64_t i) { score_tile<decltype(rows)::value>(i, k, v, nk); });
+    for (int64_t i = 0; i < n_; ++i) softmax_row(i, j0, nk);
+    for_row_tiles([&](auto rows, int64_t i) { add_values<decltype(rows)::value>(i, v, nk); });
   }
 
   int64_t rows() const { return n_; }
@@ -150,41 +110,113 @@ class RowTile {
   }
 
  private:
-  // acc = acc * alpha + p . v for rows [i, i + NH): register tiles of NH rows
-  // by 8 * NV columns, so each value vector loaded serves NH rows.
-  template <int NH>
-  void add_values(int64_t i, const float* v, int nk) {
-    constexpr int64_t kWidth = NH == 2 ? 32 : 64;
-    int64_t c = 0;
-    for (; c + kWidth <= dv_; c += kWidth) value_tile<NH, kWidth / 8>(i, c, v, nk);
-    if (dv_ - c >= 32) value_tile<NH, 4>(i, c, v, nk), c += 32;
-    if (dv_ - c >= 16) value_tile<NH, 2>(i, c, v, nk), c += 16;
-    if (dv_ - c >= 8) value_tile<NH, 1>(i, c, v, nk);
+  // Calls f(std::integral_constant<int, R>, i) for row tiles [i, i + R) covering all rows.
+  template <typename F>
+  void for_row_tiles(F f) {
+    int64_t i = 0;
+    for (; i + 4 <= n_; i += 4) f(std::integral_constant<int, 4>{}, i);
+    if (i + 2 <= n_) f(std::integral_constant<int, 2>{}, i), i += 2;
+    if (i < n_) f(std::integral_constant<int, 1>{}, i);
   }
 
-  template <int NH, int NV>
-  void value_tile(int64_t i, int64_t c, const float* v, int nk) {
-    Vec8 a[NH][NV];
-    for (int h = 0; h < NH; ++h) {
-      const Vec8 alpha = Vec8::broadcast(alpha_[i + h]);
-      for (int u = 0; u < NV; ++u) a[h][u] = Vec8::load(acc_ + (i + h) * dv_ + c + 8 * u) * alpha;
+  // p[r][j] = q_r . k_j for rows [i, i + R) and the block's keys. The first
+  // tile also prefetches, row by row, the block's values (read next, column
+  // by column, which the hardware would not foresee) and the next block's keys.
+  template <int R>
+  void score_tile(int64_t i, const C* k, const C* v, int nk) {
+    constexpr int K = 8 / R;
+    for (int j = 0; j < nk; j += K) {
+      const C* key[K];
+      for (int t = 0; t < K; ++t) key[t] = k + std::min(j + t, nk - 1) * d_;  // a tail repeats its last key
+      if (i == 0)
+        for (int t = j; t < std::min(j + K, nk); ++t) {
+          prefetch_span(v + t * dv_, dv_);
+          prefetch_span(k + (kBlock + t) * d_, d_);
+        }
+      Vec8 acc[8];
+      for (Vec8& a : acc) a = Vec8::zero();
+      for (int64_t c = 0; c < d_; c += 8) {
+        Vec8 q[R];
+        for (int r = 0; r < R; ++r) q[r] = Vec8::load(q_ + (i + r) * d_ + c);
+        for (int t = 0; t < K; ++t) {
+          Vec8 x = widen8<kv::KeyCode>(key[t] + c);
+          if (R > 1) keep_in_register(x);
+          for (int r = 0; r < R; ++r) acc[r * K + t] = fmadd(q[r], x, acc[r * K + t]);
+        }
+      }
+      float dots[8];
+      transpose_add(acc).store(dots);
+      for (int r = 0; r < R; ++r)
+        for (int t = 0; t < K && j + t < nk; ++t) p_[(i + r) * kBlock + j + t] = dots[r * K + t];
+    }
+  }
+
+  // Scales and masks row i's scores, then folds them into its running
+  // maximum and sum; p becomes exp(score - new maximum), 0 past nk.
+  void softmax_row(int64_t i, int64_t j0, int nk) {
+    float* p = p_ + i * kBlock;
+    const Vec8 scale = Vec8::broadcast(in_.scale);
+    const int groups = (nk + 7) / 8;
+    Vec8 top = Vec8::broadcast(kNegInf);
+    for (int t = 0; t < groups; ++t) {
+      const int valid = std::min(8, nk - 8 * t);
+      Vec8 s = Vec8::load(p + 8 * t) * scale;
+      if (mask_[i]) s = s + load_first(mask_[i] + j0 + 8 * t, valid);
+      s.store(p + 8 * t);
+      std::fill(p + 8 * t + valid, p + 8 * t + 8, kNegInf);
+      top = max(top, Vec8::load(p + 8 * t));
+    }
+    const float m = std::max(m_[i], reduce_max(top));
+    alpha_[i] = std::exp(m_[i] - m);  // 0 on the first block
+    m_[i] = m;
+    Vec8 sum = Vec8::zero();
+    for (int t = 0; t < groups; ++t) {
+      const Vec8 e = exp(Vec8::load(p + 8 * t) - Vec8::broadcast(m));
+      e.store(p + 8 * t);
+      sum = sum + e;
+    }
+    l_[i] = l_[i] * alpha_[i] + reduce_add(sum);
+  }
+
+  // acc = acc * alpha + p . v for rows [i, i + R), in column tiles of
+  // 8 * (8 / R) and narrower ones for the rest.
+  template <int R>
+  void add_values(int64_t i, const C* v, int nk) {
+    constexpr int NV = 8 / R;
+    int64_t c = 0;
+    for (; c + 8 * NV <= dv_; c += 8 * NV) value_tile<R, NV>(i, c, v, nk);
+    if constexpr (NV > 4)
+      if (dv_ - c >= 32) value_tile<R, 4>(i, c, v, nk), c += 32;
+    if constexpr (NV > 2)
+      if (dv_ - c >= 16) value_tile<R, 2>(i, c, v, nk), c += 16;
+    if constexpr (NV > 1)
+      if (dv_ - c >= 8) value_tile<R, 1>(i, c, v, nk);
+  }
+
+  template <int R, int NV>
+  void value_tile(int64_t i, int64_t c, const C* v, int nk) {
+    Vec8 a[R][NV];
+    for (int r = 0; r < R; ++r) {
+      const Vec8 alpha = Vec8::broadcast(alpha_[i + r]);
+      for (int u = 0; u < NV; ++u) a[r][u] = Vec8::load(acc_ + (i + r) * dv_ + c + 8 * u) * alpha;
     }
     for (int j = 0; j < nk; ++j) {
-      Vec8 w[NH];
-      for (int h = 0; h < NH; ++h) w[h] = Vec8::broadcast(p_[(i + h) * kBlock + j]);
+      Vec8 w[R];
+      for (int r = 0; r < R; ++r) w[r] = Vec8::broadcast(p_[(i + r) * kBlock + j]);
       for (int u = 0; u < NV; ++u) {
-        const Vec8 x = Vec8::load(v + j * dv_ + c + 8 * u);
-        for (int h = 0; h < NH; ++h) a[h][u] = fmadd(w[h], x, a[h][u]);
+        Vec8 x = widen8<kv::ValueCode>(v + j * dv_ + c + 8 * u);
+        if (R > 1) keep_in_register(x);
+        for (int r = 0; r < R; ++r) a[r][u] = fmadd(w[r], x, a[r][u]);
       }
     }
-    for (int h = 0; h < NH; ++h)
-      for (int u = 0; u < NV; ++u) a[h][u].store(acc_ + (i + h) * dv_ + c + 8 * u);
+    for (int r = 0; r < R; ++r)
+      for (int u = 0; u < NV; ++u) a[r][u].store(acc_ + (i + r) * dv_ + c + 8 * u);
   }
 
   const DecodeInputs<T, C>& in_;
   const int64_t d_, dv_, group_;
   std::vector<float> buf_;
-  float *q_, *acc_, *p_, *m_, *l_, *alpha_, *kbuf_, *vbuf_;
+  float *q_, *acc_, *p_, *m_, *l_, *alpha_;
   const C* key_ = nullptr;
   const C* value_ = nullptr;
   const T* mask_[kMaxRows] = {};
