@@ -120,18 +120,14 @@ void launch_single_pass(const at::Tensor& query, const at::Tensor& key, const at
       query.device(), name);
 }
 
-template void launch_single_pass<float, float>(const at::Tensor&, const at::Tensor&, const at::Tensor&,
-                                               const std::optional<at::Tensor>&, const at::Tensor&, float,
-                                               const char*);
-template void launch_single_pass<half, half>(const at::Tensor&, const at::Tensor&, const at::Tensor&,
-                                             const std::optional<at::Tensor>&, const at::Tensor&, float,
-                                             const char*);
-template void launch_single_pass<float, uint8_t>(const at::Tensor&, const at::Tensor&, const at::Tensor&,
-                                                 const std::optional<at::Tensor>&, const at::Tensor&, float,
-                                                 const char*);
-template void launch_single_pass<half, uint8_t>(const at::Tensor&, const at::Tensor&, const at::Tensor&,
-                                                const std::optional<at::Tensor>&, const at::Tensor&, float,
-                                                const char*);
+#define VORTA_INSTANTIATE(T, C)                                                                          \
+  template void launch_single_pass<T, C>(const at::Tensor&, const at::Tensor&, const at::Tensor&,            \
+                                         const std::optional<at::Tensor>&, const at::Tensor&, float, const char*);
+VORTA_INSTANTIATE(float, float)
+VORTA_INSTANTIATE(half, half)
+VORTA_INSTANTIATE(float, uint8_t)
+VORTA_INSTANTIATE(half, uint8_t)
+#undef VORTA_INSTANTIATE
 
 void run_grouped(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
                  const std::optional<at::Tensor>& mask, const at::Tensor& result, bool fp8) {

@@ -8,6 +8,7 @@
 
 #include <optional>
 
+#include "common/fatal.h"
 #include "ops/dispatch.h"
 
 namespace vorta::decode {
@@ -24,6 +25,18 @@ inline constexpr char kHeadDimMessage[] =
 template <typename F>
 void dispatch_head_dim(int64_t head_dim, F&& f) {
   dispatch_int<64, 80, 96, 128, 192, 256>(head_dim, kHeadDimMessage, f);
+}
+
+// The decode mask checks, reported under the calling operator's source, then
+// the broadcast of the mask to [bsz, num_heads, seq_length, context_length].
+template <const char* kAssertSource>
+void check_and_broadcast_mask(std::optional<at::Tensor>& mask, const at::Tensor& query, int64_t seq_length,
+                              int64_t context_length) {
+  if (!mask) return;
+  VORTA_ASSERT(mask->size(2) == seq_length);
+  VORTA_ASSERT(mask->size(3) == context_length);
+  VORTA_ASSERT(query.scalar_type() == mask->scalar_type());
+  mask = mask->expand({query.size(0), query.size(1), -1, -1});
 }
 
 // 1/sqrt(head_dim), the float nearest to it, for a supported head size.

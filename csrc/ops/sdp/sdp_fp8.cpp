@@ -35,12 +35,7 @@ at::Tensor sdp_fp8(const at::Tensor& query, const at::Tensor& key, const at::Ten
   const int64_t bsz = query.size(0), num_heads = query.size(1), seq_length = query.size(2);
   const int64_t head_dim = query.size(3), value_head_dim = value.size(3), context_length = key.size(2);
   OptTensor mask = mask_in;
-  if (mask) {
-    VORTA_ASSERT(mask->size(2) == seq_length);
-    VORTA_ASSERT(mask->size(3) == context_length);
-    VORTA_ASSERT(query.scalar_type() == mask->scalar_type());
-    mask = mask->expand({bsz, num_heads, -1, -1});
-  }
+  decode::check_and_broadcast_mask<kAssertSource>(mask, query, seq_length, context_length);
   at::Tensor result = at::empty({bsz, num_heads, seq_length, value_head_dim}, query.options());
   const bool balanced = head_dim == value_head_dim;
   // The grouped kernels know a single head size: an unbalanced cache always takes the single pass.
