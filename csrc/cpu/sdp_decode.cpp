@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
-#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -39,11 +38,12 @@ Vec8 load_first(const T* p, int n) {
   return Vec8::load(tmp);
 }
 
-// Prefetches the cache lines of n elements at p.
+// Prefetches the cache lines of elements [first, first + n) of p, which may
+// lie past the end of the cache (a prefetch never faults).
 template <typename C>
-void prefetch_span(const C* p, int64_t n) {
-  const char* bytes = reinterpret_cast<const char*>(p);
-  for (int64_t i = 0; i < n * int64_t(sizeof(C)); i += 64) prefetch(bytes + i);
+void prefetch_span(const C* p, int64_t first, int64_t n) {
+  const uintptr_t start = reinterpret_cast<uintptr_t>(p) + uintptr_t(first) * sizeof(C);
+  for (uintptr_t a = start; a < start + uintptr_t(n) * sizeof(C); a += 64) prefetch(reinterpret_cast<const void*>(a));
 }
 
 // Online-softmax attention of up to kMaxRows query rows that share one
@@ -128,11 +128,11 @@ class RowTile {
     for (int j = 0; j < nk; j += K) {
       const C* key[K];
       for (int t = 0; t < K; ++t) key[t] = k + std::min(j + t, nk - 1) * d_;  // a tail repeats its last key
-      if (i == 0)
-        for (int t = j; t < std::min(j + K, nk); ++t) {
-          prefetch_span(v + t * dv_, dv_);
-          prefetch_span(k + (kBlock + t) * d_, d_);
-        }
+      if (i == 0) {
+        const int n = std::min(K, nk - j);
+        prefetch_span(v, j * dv_, n * dv_);
+        prefetch_span(k, (kBlock + j) * d_, n * d_);
+      }
       Vec8 acc[8];
       for (Vec8& a : acc) a = Vec8::zero();
       for (int64_t c = 0; c < d_; c += 8) {
