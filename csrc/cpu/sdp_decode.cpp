@@ -18,9 +18,14 @@ constexpr int kBlock = int(kDecodeKeyBlock);
 constexpr int64_t kMaxRows = 64;        // query rows served by one pass over a cache head
 constexpr int64_t kTargetUnits = 64;    // work items per call: balances any common thread count
 constexpr int64_t kMinChunkKeys = 256;  // shortest key range worth a work item of its own
+constexpr int64_t kForkWork = 1 << 16;  // multiply-adds that pay for handing work to another thread
 constexpr float kNegInf = -std::numeric_limits<float>::infinity();
 
 int64_t ceil_div(int64_t a, int64_t b) { return (a + b - 1) / b; }
+
+// Items per task for a parallel loop whose items cost `work` multiply-adds
+// each: small calls stay on the calling thread.
+int64_t grain(int64_t work) { return ceil_div(kForkWork, std::max<int64_t>(work, 1)); }
 
 // Eight cache elements as floats.
 template <class Code>
@@ -246,6 +251,8 @@ struct Split {
   }
 
   int64_t units() const { return pairs * chunks; }
+  // Multiply-adds of one unit, at most.
+  int64_t unit_work(int64_t d, int64_t dv) const { return tile * per_chunk * kBlock * (d + dv); }
 
   // Unit u: rows [row0, row0 + n) of the tile of (batch, key/value head) pair
   // bg = b * kv_heads + g, over key blocks [blk0, blk1).
@@ -291,7 +298,7 @@ void decode_attention(const DecodeInputs<T, C>& in, const DecodeOutput<T>& out) 
   };
   // With several chunks each one leaves (max, sum, row) per query row here.
   std::vector<float> parts(split.chunks > 1 ? split.units() * split.tile * part_size : 0);
-  parallel_for(0, split.units(), 1, [&](int64_t lo, int64_t hi) {
+  parallel_for(0, split.units(), grain(split.unit_work(in.head_dim, dv)), [&](int64_t lo, int64_t hi) {
     RowTile<T, C> tile(in, split.tile);
     for (int64_t u = lo; u < hi; ++u) {
       const Split::Unit w = split.unit(u);
@@ -313,7 +320,7 @@ void decode_attention(const DecodeInputs<T, C>& in, const DecodeOutput<T>& out) 
   });
   if (split.chunks == 1) return;
   const int64_t rows = split.pairs * split.tile;
-  parallel_for(0, rows, 1, [&](int64_t lo, int64_t hi) {
+  parallel_for(0, rows, grain(split.chunks * dv), [&](int64_t lo, int64_t hi) {
     std::vector<float> acc;
     for (int64_t x = lo; x < hi; ++x) {
       const int64_t pair = x / split.tile, i = x % split.tile, row0 = (pair % split.tiles) * split.tile;
@@ -329,7 +336,7 @@ template <typename T, typename C>
 void decode_attention_blocks(const DecodeInputs<T, C>& in, const DecodeBlocks<T>& blocks) {
   const Split split(in.bsz, in.num_heads, in.kv_heads, 1, in.kv_len, kBlock);
   const int64_t dv = in.value_head_dim;
-  parallel_for(0, split.units(), 1, [&](int64_t lo, int64_t hi) {
+  parallel_for(0, split.units(), grain(split.unit_work(in.head_dim, dv)), [&](int64_t lo, int64_t hi) {
     RowTile<T, C> tile(in, split.tile);
     for (int64_t u = lo; u < hi; ++u) {
       const Split::Unit w = split.unit(u);
@@ -352,7 +359,7 @@ void decode_attention_blocks(const DecodeInputs<T, C>& in, const DecodeBlocks<T>
 template <typename T>
 void combine_attention_blocks(const DecodeBlocks<T>& blocks, const DecodeOutput<T>& out, int64_t bsz,
                               int64_t num_heads, int64_t dv) {
-  parallel_for(0, bsz * num_heads, 1, [&](int64_t lo, int64_t hi) {
+  parallel_for(0, bsz * num_heads, grain(blocks.nblocks * dv), [&](int64_t lo, int64_t hi) {
     std::vector<float> acc;
     for (int64_t x = lo; x < hi; ++x) {
       const int64_t b = x / num_heads, h = x % num_heads;
