@@ -6,8 +6,8 @@
 
 PYBIND11_MODULE(vorta_addons, m) {
   using namespace vorta;
-  // m.def("sdp", &sdp, "sdp");
-  // m.def("sdp_fp8", &sdp_fp8, "fp8 sdp");
+  m.def("sdp", &sdp, "sdp");
+  m.def("sdp_fp8", &sdp_fp8, "fp8 sdp");
   // m.def("sdp_causal", &sdp_causal, "sdp causal");
   // m.def("sdp_fp8_causal", &sdp_fp8_causal, "sdp fp8 causal");
   // m.def("sdp_non_causal", &sdp_non_causal, "sdp non causal");
