@@ -6,7 +6,7 @@
 
 #include <optional>
 
-namespace vorta::sdp {
+namespace vorta::prefill {
 
 // Shape and dtype agreement of query, key and value (fatal, "sdp/api").
 void check_qkv(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value);
@@ -21,6 +21,10 @@ void prepare_mask(std::optional<at::Tensor>& mask, const at::Tensor& query, cons
 // True when the query's device family has a matrix engine and its head_dim is 64, 80 or 128.
 bool use_matrix_engine(const at::Tensor& query);
 
+// Layout and device the CPU kernels rely on (dense last dimension, the
+// query's device); checked by the paths after their own argument checks.
+void check_layout(const at::Tensor& t, const at::Tensor& query, const char* name);
+
 // The two prefill paths; mask as prepared above.
 at::Tensor vector_prefill(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
                           const at::Tensor& mask, float scale, bool fp8, bool causal);
@@ -30,4 +34,4 @@ at::Tensor matrix_prefill(const at::Tensor& query, const at::Tensor& key, const 
 at::Tensor siglip_prefill(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
                           const at::Tensor& mask);
 
-}  // namespace vorta::sdp
+}  // namespace vorta::prefill
