@@ -18,7 +18,7 @@
 namespace vorta::cpu::attn {
 
 constexpr int kTile = 64;       // keys per tile
-constexpr int kBlockRows = 48;  // query rows per task
+constexpr int kBlockRows = 96;  // query rows per task
 constexpr int kMr = 6;          // query rows per micro-kernel call
 constexpr float kInitMax = -65504.0f;
 
@@ -85,6 +85,151 @@ inline void value_kernel(const float* p, int ldp, const float* v, int64_t ldv, i
   }
 }
 
+#if defined(__GNUC__) && defined(__x86_64__)
+#define VORTA_ATTN_AVX512 1
+#define VORTA_TARGET_AVX512 __attribute__((target("avx512f,avx512vl,avx2,fma,f16c")))
+// GCC 12's AVX-512 intrinsics pass _mm512_undefined_ps() as the unused merge
+// source, which its flow analysis reports as uninitialised.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wuninitialized"
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+
+// The same two micro-kernels on 16-lane registers, NV registers per row: the
+// 32 registers hold 6 rows x 64 keys (or values), halving loads per multiply.
+template <int R, int NV>
+VORTA_TARGET_AVX512 void score_kernel512(const float* q, int ldq, const float* k, int ldk, int kd,
+                                         float* s, int lds) {
+  __m512 acc[R][NV];
+#pragma GCC unroll 6
+  for (int r = 0; r < R; ++r)
+#pragma GCC unroll 4
+    for (int v = 0; v < NV; ++v) acc[r][v] = _mm512_setzero_ps();
+  for (int d = 0; d < kd; ++d) {
+    __m512 kv[NV];
+#pragma GCC unroll 4
+    for (int v = 0; v < NV; ++v) kv[v] = _mm512_loadu_ps(k + d * ldk + 16 * v);
+#pragma GCC unroll 6
+    for (int r = 0; r < R; ++r) {
+      const __m512 qb = _mm512_set1_ps(q[r * ldq + d]);
+#pragma GCC unroll 4
+      for (int v = 0; v < NV; ++v) acc[r][v] = _mm512_fmadd_ps(qb, kv[v], acc[r][v]);
+    }
+  }
+#pragma GCC unroll 6
+  for (int r = 0; r < R; ++r)
+#pragma GCC unroll 4
+    for (int v = 0; v < NV; ++v) _mm512_storeu_ps(s + r * lds + 16 * v, acc[r][v]);
+}
+
+template <int R, int NV>
+VORTA_TARGET_AVX512 void value_kernel512(const float* p, int ldp, const float* v, int64_t ldv,
+                                         int n, float* o, int ldo, const float* corr) {
+  __m512 acc[R][NV];
+#pragma GCC unroll 6
+  for (int r = 0; r < R; ++r) {
+    const __m512 c = _mm512_set1_ps(corr[r]);
+#pragma GCC unroll 4
+    for (int u = 0; u < NV; ++u) acc[r][u] = _mm512_mul_ps(_mm512_loadu_ps(o + r * ldo + 16 * u), c);
+  }
+  for (int j = 0; j < n; ++j) {
+    __m512 vv[NV];
+#pragma GCC unroll 4
+    for (int u = 0; u < NV; ++u) vv[u] = _mm512_loadu_ps(v + j * ldv + 16 * u);
+#pragma GCC unroll 6
+    for (int r = 0; r < R; ++r) {
+      const __m512 pb = _mm512_set1_ps(p[r * ldp + j]);
+#pragma GCC unroll 4
+      for (int u = 0; u < NV; ++u) acc[r][u] = _mm512_fmadd_ps(pb, vv[u], acc[r][u]);
+    }
+  }
+#pragma GCC unroll 6
+  for (int r = 0; r < R; ++r)
+#pragma GCC unroll 4
+    for (int u = 0; u < NV; ++u) _mm512_storeu_ps(o + r * ldo + 16 * u, acc[r][u]);
+}
+
+// e^x as exp8 does it, on 16 lanes.
+VORTA_TARGET_AVX512 inline __m512 exp16(__m512 x) {
+  const __m512 lo = _mm512_set1_ps(-87.3f);
+  const __mmask16 under = _mm512_cmp_ps_mask(x, lo, _CMP_LT_OQ);
+  __m512 xv = _mm512_min_ps(_mm512_set1_ps(88.3f), _mm512_max_ps(lo, x));
+  __m512 fx = _mm512_roundscale_ps(_mm512_mul_ps(xv, _mm512_set1_ps(1.44269504088896341f)),
+                                   _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC);
+  __m512 r = _mm512_fnmadd_ps(fx, _mm512_set1_ps(0.693359375f), xv);
+  r = _mm512_fnmadd_ps(fx, _mm512_set1_ps(-2.12194440e-4f), r);
+  __m512 y = _mm512_set1_ps(1.9875691500e-4f);
+  y = _mm512_fmadd_ps(y, r, _mm512_set1_ps(1.3981999507e-3f));
+  y = _mm512_fmadd_ps(y, r, _mm512_set1_ps(8.3334519073e-3f));
+  y = _mm512_fmadd_ps(y, r, _mm512_set1_ps(4.1665795894e-2f));
+  y = _mm512_fmadd_ps(y, r, _mm512_set1_ps(1.6666665459e-1f));
+  y = _mm512_fmadd_ps(y, r, _mm512_set1_ps(5.0000001201e-1f));
+  y = _mm512_fmadd_ps(y, _mm512_mul_ps(r, r), r);
+  y = _mm512_add_ps(y, _mm512_set1_ps(1.0f));
+  return _mm512_maskz_mov_ps(_mm512_knot(under), _mm512_scalef_ps(y, fx));
+}
+
+VORTA_TARGET_AVX512 inline Vec8 high_half(__m512 x) {
+  return {_mm256_castpd_ps(_mm512_extractf64x4_pd(_mm512_castps_pd(x), 1))};
+}
+VORTA_TARGET_AVX512 inline float reduce_max16(__m512 x) {
+  return hmax(max(Vec8{_mm512_castps512_ps256(x)}, high_half(x)));
+}
+VORTA_TARGET_AVX512 inline float reduce_add16(__m512 x) {
+  return hsum(Vec8{_mm512_castps512_ps256(x)} + high_half(x));
+}
+
+VORTA_TARGET_AVX512 inline __m512 load16(const float* p) { return _mm512_loadu_ps(p); }
+VORTA_TARGET_AVX512 inline __m512 load16(const half* p) {
+  return _mm512_cvtph_ps(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(p)));
+}
+
+// One row of a tile without soft-capping: scores scaled, masked (keys from
+// lim on excluded), turned into probabilities against the updated maximum m;
+// updates m and l and returns the rescaling of earlier sums.
+template <typename T>
+VORTA_TARGET_AVX512 float softmax_row512(float* s, int lim, int computed, const T* mask,
+                                         float scale, float& m, float& l) {
+  const __m512 sc = _mm512_set1_ps(scale);
+  const __m512 neg_inf = _mm512_set1_ps(-std::numeric_limits<float>::infinity());
+  __m512 mx = neg_inf;
+  for (int j = 0; j < computed; j += 16) {
+    __m512 x = _mm512_mul_ps(_mm512_loadu_ps(s + j), sc);
+    if (mask) x = _mm512_add_ps(x, load16(mask + j));
+    const int valid = std::max(0, std::min(16, lim - j));
+    x = _mm512_mask_mov_ps(neg_inf, __mmask16((1u << valid) - 1u), x);
+    _mm512_storeu_ps(s + j, x);
+    mx = _mm512_max_ps(mx, x);
+  }
+  const float m_new = std::max(m, reduce_max16(mx));
+  const float corr = std::exp(m - m_new);
+  const __m512 mv = _mm512_set1_ps(m_new);
+  __m512 sum = _mm512_setzero_ps();
+  for (int j = 0; j < computed; j += 16) {
+    const __m512 e = exp16(_mm512_sub_ps(_mm512_loadu_ps(s + j), mv));
+    _mm512_storeu_ps(s + j, e);
+    sum = _mm512_add_ps(sum, e);
+  }
+  l = l * corr + reduce_add16(sum);
+  m = m_new;
+  return corr;
+}
+
+inline bool have_avx512() {
+  static const bool yes = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512vl");
+  return yes;
+}
+#pragma GCC diagnostic pop
+#endif
+
+template <typename F>
+inline void with_nv(int nv, F&& f) {
+  switch (nv) {
+    case 4: return f(std::integral_constant<int, 4>{});
+    case 2: return f(std::integral_constant<int, 2>{});
+    default: return f(std::integral_constant<int, 1>{});
+  }
+}
+
 // Rows [0, n) of a row-major KV matrix (row stride ld, kd columns) into a
 // component-major [kd][kTile] float tile; rows n .. kTile-1 become zero.
 template <typename KV>
@@ -114,7 +259,11 @@ class Worker {
         l_(kBlockRows),
         corr_(kBlockRows),
         k_(need_key_copy() ? size_t(kd_) * kTile : 0),
-        v_(std::is_same_v<KV, float> ? 0 : size_t(kTile) * vd_) {}
+        v_(std::is_same_v<KV, float> ? 0 : size_t(kTile) * vd_) {
+#if VORTA_ATTN_AVX512
+    wide_ = have_avx512();
+#endif
+  }
 
   // Query rows [q0, q1) of query head h in batch b.
   void run(int64_t b, int64_t h, int64_t q0, int64_t q1) {
@@ -134,6 +283,22 @@ class Worker {
       softmax(b, h, q0, t0, rows, n);
       int64_t ldv = 0;
       const float* vt = value_tile(b, hk, t0, n, ldv);
+#if VORTA_ATTN_AVX512
+      if (wide_) {
+        for (int c = 0; c < vd_;) {
+          const int nv = vd_ - c >= 64 ? 4 : vd_ - c >= 32 ? 2 : 1;
+          for (int r = 0; r < rows; r += kMr)
+            with_rows(std::min(kMr, rows - r), [&](auto R) {
+              with_nv(nv, [&](auto NV) {
+                value_kernel512<R(), NV()>(s_.data() + r * kTile, kTile, vt + c, ldv, n,
+                                           o_.data() + r * vd_ + c, vd_, corr_.data() + r);
+              });
+            });
+          c += 16 * nv;
+        }
+        continue;
+      }
+#endif
       for (int c = 0; c < vd_; c += 16)
         for (int r = 0; r < rows; r += kMr)
           with_rows(std::min(kMr, rows - r), [&](auto R) {
@@ -192,6 +357,23 @@ class Worker {
 
   void scores(const float* kt, int ldk, int rows, int n) {
     const int block = ldk;
+#if VORTA_ATTN_AVX512
+    if (wide_) {
+      // Whole 64-key tiles in one pass, 32-key halves otherwise.
+      const int step = block == 64 && n > 32 ? 64 : 32;
+      for (int j = 0; j < n; j += step) {
+        const float* kj = kt + (j / block) * kd_ * block + (j % block);
+        for (int r = 0; r < rows; r += kMr)
+          with_rows(std::min(kMr, rows - r), [&](auto R) {
+            with_nv(step / 16, [&](auto NV) {
+              score_kernel512<R(), NV()>(q_.data() + size_t(r) * kd_, kd_, kj, ldk, kd_,
+                                         s_.data() + r * kTile + j, kTile);
+            });
+          });
+      }
+      return;
+    }
+#endif
     for (int j = 0; j < n; j += 16) {
       const float* kj = kt + (j / block) * kd_ * block + (j % block);
       for (int r = 0; r < rows; r += kMr)
@@ -217,6 +399,12 @@ class Worker {
       const T* mask = p_.mask ? p_.mask + b * p_.m_stride[0] + h * p_.m_stride[1] +
                                     row * p_.m_stride[2] + t0
                               : nullptr;
+#if VORTA_ATTN_AVX512
+      if (wide_ && !(p_.softcap > 0.0f)) {
+        corr_[r] = softmax_row512(s, lim, computed, mask, p_.scale, m_[r], l_[r]);
+        continue;
+      }
+#endif
       Vec8 mx = Vec8::broadcast(neg_inf);
       const int vec_end = lim / 8 * 8;
       int j = 0;
@@ -264,6 +452,7 @@ class Worker {
   const AttentionProblem<T, KV>& p_;
   const int kd_, vd_;
   std::vector<float> q_, s_, o_, m_, l_, corr_, k_, v_;
+  bool wide_ = false;
 };
 
 template <typename T, typename KV>
