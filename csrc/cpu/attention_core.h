@@ -201,7 +201,7 @@ VORTA_TARGET_AVX512 float softmax_row512(float* s, int lim, int computed, const 
     mx = _mm512_max_ps(mx, x);
   }
   const float m_new = std::max(m, reduce_max16(mx));
-  const float corr = std::exp(m - m_new);
+  const float corr = _mm512_cvtss_f32(exp16(_mm512_set1_ps(m - m_new)));
   const __m512 mv = _mm512_set1_ps(m_new);
   __m512 sum = _mm512_setzero_ps();
   for (int j = 0; j < computed; j += 16) {

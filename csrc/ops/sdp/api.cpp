@@ -59,6 +59,7 @@ bool use_matrix_engine(const at::Tensor& query) {
 }
 
 void check_layout(const at::Tensor& t, const at::Tensor& query, const char* name) {
+  if (!t.defined()) return;
   TORCH_CHECK(t.device() == query.device(), name, " must be on the query's device");
   TORCH_CHECK(t.size(3) <= 1 || t.stride(3) == 1, name, " must have a dense last dimension");
 }
@@ -81,7 +82,7 @@ at::Tensor sdp_causal(const at::Tensor& query, const at::Tensor& key, const at::
   prefill::prepare_mask(mask, query, key, true);
   VORTA_ASSERT(query.size(2) == key.size(2));
   VORTA_ASSERT(query.scalar_type() == key.scalar_type());
-  return prefill::route(query, key, value, *mask, scale, false, true);
+  return prefill::route(query, key, value, prefill::kernel_mask(attn_mask, mask), scale, false, true);
 }
 
 at::Tensor sdp_fp8_causal(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
@@ -91,7 +92,7 @@ at::Tensor sdp_fp8_causal(const at::Tensor& query, const at::Tensor& key, const 
   prefill::prepare_mask(mask, query, key, true);
   VORTA_ASSERT(query.size(2) == key.size(2));
   VORTA_ASSERT(key.scalar_type() == at::ScalarType::Byte);
-  return prefill::route(query, key, value, *mask, scale, true, true);
+  return prefill::route(query, key, value, prefill::kernel_mask(attn_mask, mask), scale, true, true);
 }
 
 at::Tensor sdp_fp8_non_causal(const at::Tensor& query, const at::Tensor& key,
@@ -100,7 +101,7 @@ at::Tensor sdp_fp8_non_causal(const at::Tensor& query, const at::Tensor& key,
   OptTensor mask = attn_mask;
   prefill::prepare_mask(mask, query, key, false);
   VORTA_ASSERT(key.scalar_type() == at::ScalarType::Byte);
-  return prefill::route(query, key, value, *mask, scale, true, false);
+  return prefill::route(query, key, value, prefill::kernel_mask(attn_mask, mask), scale, true, false);
 }
 
 at::Tensor sdp_non_causal(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
@@ -109,7 +110,7 @@ at::Tensor sdp_non_causal(const at::Tensor& query, const at::Tensor& key, const 
   OptTensor mask = attn_mask;
   prefill::prepare_mask(mask, query, key, false);
   VORTA_ASSERT(query.scalar_type() == key.scalar_type());
-  return prefill::route(query, key, value, *mask, scale, false, false);
+  return prefill::route(query, key, value, prefill::kernel_mask(attn_mask, mask), scale, false, false);
 }
 
 at::Tensor siglip_sdp_non_causal(const at::Tensor& query, const at::Tensor& key,
@@ -118,7 +119,7 @@ at::Tensor siglip_sdp_non_causal(const at::Tensor& query, const at::Tensor& key,
   OptTensor mask = attn_mask;
   prefill::prepare_mask(mask, query, key, false);
   VORTA_ASSERT(query.scalar_type() == key.scalar_type());
-  return prefill::siglip_prefill(query, key, value, *mask);
+  return prefill::siglip_prefill(query, key, value, prefill::kernel_mask(attn_mask, mask));
 }
 
 }  // namespace vorta

@@ -18,6 +18,14 @@ void check_qkv(const at::Tensor& query, const at::Tensor& key, const at::Tensor&
 void prepare_mask(std::optional<at::Tensor>& mask, const at::Tensor& query, const at::Tensor& key,
                   bool causal);
 
+// The mask the kernels read: the prepared one when the caller supplied a mask,
+// none (undefined) when it was generated, because a generated mask only
+// repeats the key range and the causal limit that the kernels apply exactly.
+inline at::Tensor kernel_mask(const std::optional<at::Tensor>& given,
+                              const std::optional<at::Tensor>& prepared) {
+  return given ? *prepared : at::Tensor();
+}
+
 // True when the query's device family has a matrix engine and its head_dim is 64, 80 or 128.
 bool use_matrix_engine(const at::Tensor& query);
 
@@ -25,7 +33,7 @@ bool use_matrix_engine(const at::Tensor& query);
 // query's device); checked by the paths after their own argument checks.
 void check_layout(const at::Tensor& t, const at::Tensor& query, const char* name);
 
-// The two prefill paths; mask as prepared above.
+// The two prefill paths; mask as prepared above, or undefined for none.
 at::Tensor vector_prefill(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
                           const at::Tensor& mask, float scale, bool fp8, bool causal);
 at::Tensor matrix_prefill(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,

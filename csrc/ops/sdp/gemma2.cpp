@@ -32,9 +32,10 @@ at::Tensor soft_capped(const at::Tensor& query, const at::Tensor& key, const at:
     prefill::check_layout(query, query, "query");
     prefill::check_layout(key, query, "key");
     prefill::check_layout(value, query, "value");
-    prefill::check_layout(*mask, query, "mask");
+    prefill::check_layout(prefill::kernel_mask(attn_mask, mask), query, "mask");
     out = at::empty({query.size(0), query.size(1), query.size(2), D}, query.options());
-    auto p = prefill::attention_problem<T, T>(query, *mask, out, scale, causal);
+    auto p = prefill::attention_problem<T, T>(query, prefill::kernel_mask(attn_mask, mask), out,
+                                                 scale, causal);
     p.key = const_ptr<T>(key);
     prefill::strides3(key, p.k_stride);
     p.key_layout = cpu::KeyLayout::kRows;

@@ -61,8 +61,10 @@ cpu::AttentionProblem<T, KV> attention_problem(const at::Tensor& query, const at
   cpu::AttentionProblem<T, KV> p;
   p.query = const_ptr<T>(query);
   strides3(query, p.q_stride);
-  p.mask = const_ptr<T>(mask);
-  strides3(mask, p.m_stride);
+  if (mask.defined()) {
+    p.mask = const_ptr<T>(mask);
+    strides3(mask, p.m_stride);
+  }
   p.out = mut_ptr<T>(out);
   strides3(out, p.o_stride);
   p.batch = query.size(0);
