@@ -58,11 +58,17 @@ def decode_bytes(b, offset):
 
 
 def fp8_cache(b, h, n, d, seed=0):
-    """Moderate key (2^-4 .. 2) and value codes, returned with their decoded fp16 values."""
+    """8-bit key and value caches (written by quantize_key_value when the module has it), with
+    the fp16 values their codes decode to."""
     g = torch.Generator().manual_seed(seed)
-    sign = torch.randint(0, 2, (2, b, h, n, d), generator=g, dtype=torch.uint8) << 7
-    mag = torch.randint(0x28, 0x50, (2, b, h, n, d), generator=g, dtype=torch.uint8)
-    kb, vb = sign[0] | mag[0], sign[1] | (mag[1] + 0x10)
+    if hasattr(vorta_addons, "quantize_key_value"):
+        k, v = torch.randn(2, b, h, n, d, generator=g)
+        kb, vb = (torch.empty(b, h, n, d, dtype=torch.uint8) for _ in range(2))
+        vorta_addons.quantize_key_value(k, v, kb, vb)
+    else:  # moderate codes: keys 2^-4 .. 2, values 2^-3 .. 8
+        sign = torch.randint(0, 2, (2, b, h, n, d), generator=g, dtype=torch.uint8) << 7
+        mag = torch.randint(0x28, 0x50, (2, b, h, n, d), generator=g, dtype=torch.uint8)
+        kb, vb = sign[0] | mag[0], sign[1] | (mag[1] + 0x10)
     return kb, vb, decode_bytes(kb, 0x30), decode_bytes(vb, 0x18)
 
 
