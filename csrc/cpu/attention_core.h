@@ -129,7 +129,8 @@ VORTA_TARGET_AVX512 void value_kernel512(const float* p, int ldp, const float* v
   for (int r = 0; r < R; ++r) {
     const __m512 c = _mm512_set1_ps(corr[r]);
 #pragma GCC unroll 4
-    for (int u = 0; u < NV; ++u) acc[r][u] = _mm512_mul_ps(_mm512_loadu_ps(o + r * ldo + 16 * u), c);
+    for (int u = 0; u < NV; ++u)
+      acc[r][u] = _mm512_mul_ps(_mm512_loadu_ps(o + r * ldo + 16 * u), c);
   }
   for (int j = 0; j < n; ++j) {
     __m512 vv[NV];
@@ -150,19 +151,15 @@ VORTA_TARGET_AVX512 void value_kernel512(const float* p, int ldp, const float* v
 
 // e^x as exp8 does it, on 16 lanes.
 VORTA_TARGET_AVX512 inline __m512 exp16(__m512 x) {
-  const __m512 lo = _mm512_set1_ps(-87.3f);
+  const __m512 lo = _mm512_set1_ps(kExpLo);
   const __mmask16 under = _mm512_cmp_ps_mask(x, lo, _CMP_LT_OQ);
-  __m512 xv = _mm512_min_ps(_mm512_set1_ps(88.3f), _mm512_max_ps(lo, x));
-  __m512 fx = _mm512_roundscale_ps(_mm512_mul_ps(xv, _mm512_set1_ps(1.44269504088896341f)),
+  __m512 xv = _mm512_min_ps(_mm512_set1_ps(kExpHi), _mm512_max_ps(lo, x));
+  __m512 fx = _mm512_roundscale_ps(_mm512_mul_ps(xv, _mm512_set1_ps(kLog2e)),
                                    _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC);
-  __m512 r = _mm512_fnmadd_ps(fx, _mm512_set1_ps(0.693359375f), xv);
-  r = _mm512_fnmadd_ps(fx, _mm512_set1_ps(-2.12194440e-4f), r);
-  __m512 y = _mm512_set1_ps(1.9875691500e-4f);
-  y = _mm512_fmadd_ps(y, r, _mm512_set1_ps(1.3981999507e-3f));
-  y = _mm512_fmadd_ps(y, r, _mm512_set1_ps(8.3334519073e-3f));
-  y = _mm512_fmadd_ps(y, r, _mm512_set1_ps(4.1665795894e-2f));
-  y = _mm512_fmadd_ps(y, r, _mm512_set1_ps(1.6666665459e-1f));
-  y = _mm512_fmadd_ps(y, r, _mm512_set1_ps(5.0000001201e-1f));
+  __m512 r = _mm512_fnmadd_ps(fx, _mm512_set1_ps(kLn2Hi), xv);
+  r = _mm512_fnmadd_ps(fx, _mm512_set1_ps(kLn2Lo), r);
+  __m512 y = _mm512_set1_ps(kExpPoly[0]);
+  for (int i = 1; i < 6; ++i) y = _mm512_fmadd_ps(y, r, _mm512_set1_ps(kExpPoly[i]));
   y = _mm512_fmadd_ps(y, _mm512_mul_ps(r, r), r);
   y = _mm512_add_ps(y, _mm512_set1_ps(1.0f));
   return _mm512_maskz_mov_ps(_mm512_knot(under), _mm512_scalef_ps(y, fx));
@@ -349,7 +346,8 @@ class Worker {
       ldv = p_.v_stride[2];
       return base;
     } else {
-      for (int j = 0; j < n; ++j) load_row(base + j * p_.v_stride[2], v_.data() + size_t(j) * vd_, vd_);
+      for (int j = 0; j < n; ++j)
+        load_row(base + j * p_.v_stride[2], v_.data() + size_t(j) * vd_, vd_);
       ldv = vd_;
       return v_.data();
     }

@@ -52,24 +52,26 @@ inline float hmax(Vec8 a) {
 #endif
 }
 
-// e^x within a couple of ulp; arguments below -87.3 (and -inf) give exactly 0,
-// NaN stays NaN.
+// e^x = 2^n * e^r, n = round(x / ln 2), r = x - n ln 2 (in two parts), e^r
+// from a degree-7 polynomial: within a couple of ulp. Arguments below kExpLo
+// (and -inf) give exactly 0; NaN stays NaN.
+constexpr float kExpLo = -87.3f, kExpHi = 88.3f, kLog2e = 1.44269504088896341f;
+constexpr float kLn2Hi = 0.693359375f, kLn2Lo = -2.12194440e-4f;
+constexpr float kExpPoly[6] = {1.9875691500e-4f, 1.3981999507e-3f, 8.3334519073e-3f,
+                               4.1665795894e-2f, 1.6666665459e-1f, 5.0000001201e-1f};
+
 inline Vec8 exp8(Vec8 x) {
 #if VORTA_ATTN_SIMD
-  const __m256 lo = _mm256_set1_ps(-87.3f);
+  const __m256 lo = _mm256_set1_ps(kExpLo);
   const __m256 under = _mm256_cmp_ps(x.v, lo, _CMP_LT_OQ);
   // Constant first: max/min return their second operand when one is NaN.
-  __m256 xv = _mm256_min_ps(_mm256_set1_ps(88.3f), _mm256_max_ps(lo, x.v));
-  __m256 fx = _mm256_round_ps(_mm256_mul_ps(xv, _mm256_set1_ps(1.44269504088896341f)),
+  __m256 xv = _mm256_min_ps(_mm256_set1_ps(kExpHi), _mm256_max_ps(lo, x.v));
+  __m256 fx = _mm256_round_ps(_mm256_mul_ps(xv, _mm256_set1_ps(kLog2e)),
                               _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC);
-  __m256 r = _mm256_fnmadd_ps(fx, _mm256_set1_ps(0.693359375f), xv);
-  r = _mm256_fnmadd_ps(fx, _mm256_set1_ps(-2.12194440e-4f), r);
-  __m256 y = _mm256_set1_ps(1.9875691500e-4f);
-  y = _mm256_fmadd_ps(y, r, _mm256_set1_ps(1.3981999507e-3f));
-  y = _mm256_fmadd_ps(y, r, _mm256_set1_ps(8.3334519073e-3f));
-  y = _mm256_fmadd_ps(y, r, _mm256_set1_ps(4.1665795894e-2f));
-  y = _mm256_fmadd_ps(y, r, _mm256_set1_ps(1.6666665459e-1f));
-  y = _mm256_fmadd_ps(y, r, _mm256_set1_ps(5.0000001201e-1f));
+  __m256 r = _mm256_fnmadd_ps(fx, _mm256_set1_ps(kLn2Hi), xv);
+  r = _mm256_fnmadd_ps(fx, _mm256_set1_ps(kLn2Lo), r);
+  __m256 y = _mm256_set1_ps(kExpPoly[0]);
+  for (int i = 1; i < 6; ++i) y = _mm256_fmadd_ps(y, r, _mm256_set1_ps(kExpPoly[i]));
   y = _mm256_fmadd_ps(y, _mm256_mul_ps(r, r), r);
   y = _mm256_add_ps(y, _mm256_set1_ps(1.0f));
   __m256i e = _mm256_slli_epi32(
@@ -78,7 +80,7 @@ inline Vec8 exp8(Vec8 x) {
   return {_mm256_andnot_ps(under, y)};
 #else
   Vec8 r;
-  for (int i = 0; i < 8; ++i) r.v[i] = x.v[i] < -87.3f ? 0.0f : std::exp(x.v[i]);
+  for (int i = 0; i < 8; ++i) r.v[i] = x.v[i] < kExpLo ? 0.0f : std::exp(x.v[i]);
   return r;
 #endif
 }
@@ -96,8 +98,9 @@ inline Vec8 tanh8(Vec8 x) {
   p = _mm256_fmadd_ps(p, z, _mm256_set1_ps(-3.33332819422e-1f));
   __m256 small = _mm256_fmadd_ps(_mm256_mul_ps(p, z), x.v, x.v);
   __m256 e = exp8({_mm256_add_ps(ax, ax)}).v;
-  __m256 big = _mm256_sub_ps(_mm256_set1_ps(1.0f),
-                             _mm256_div_ps(_mm256_set1_ps(2.0f), _mm256_add_ps(e, _mm256_set1_ps(1.0f))));
+  __m256 big = _mm256_sub_ps(
+      _mm256_set1_ps(1.0f),
+      _mm256_div_ps(_mm256_set1_ps(2.0f), _mm256_add_ps(e, _mm256_set1_ps(1.0f))));
   big = _mm256_or_ps(big, _mm256_and_ps(sign, x.v));
   __m256 is_small = _mm256_cmp_ps(ax, _mm256_set1_ps(0.625f), _CMP_LT_OQ);
   return {_mm256_blendv_ps(big, small, is_small)};

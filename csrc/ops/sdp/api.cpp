@@ -77,49 +77,44 @@ at::Tensor route(const at::Tensor& query, const at::Tensor& key, const at::Tenso
 
 at::Tensor sdp_causal(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
                       const OptTensor& attn_mask, float scale) {
-  prefill::check_qkv(query, key, value);
-  OptTensor mask = attn_mask;
-  prefill::prepare_mask(mask, query, key, true);
-  VORTA_ASSERT(query.size(2) == key.size(2));
-  VORTA_ASSERT(query.scalar_type() == key.scalar_type());
-  return prefill::route(query, key, value, prefill::kernel_mask(attn_mask, mask), scale, false, true);
+  const at::Tensor mask = prefill::checked_mask(query, key, value, attn_mask, true, [&] {
+    VORTA_ASSERT(query.size(2) == key.size(2));
+    VORTA_ASSERT(query.scalar_type() == key.scalar_type());
+  });
+  return prefill::route(query, key, value, mask, scale, false, true);
 }
 
 at::Tensor sdp_fp8_causal(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
                           const OptTensor& attn_mask, float scale) {
-  prefill::check_qkv(query, key, value);
-  OptTensor mask = attn_mask;
-  prefill::prepare_mask(mask, query, key, true);
-  VORTA_ASSERT(query.size(2) == key.size(2));
-  VORTA_ASSERT(key.scalar_type() == at::ScalarType::Byte);
-  return prefill::route(query, key, value, prefill::kernel_mask(attn_mask, mask), scale, true, true);
+  const at::Tensor mask = prefill::checked_mask(query, key, value, attn_mask, true, [&] {
+    VORTA_ASSERT(query.size(2) == key.size(2));
+    VORTA_ASSERT(key.scalar_type() == at::ScalarType::Byte);
+  });
+  return prefill::route(query, key, value, mask, scale, true, true);
 }
 
 at::Tensor sdp_fp8_non_causal(const at::Tensor& query, const at::Tensor& key,
                               const at::Tensor& value, const OptTensor& attn_mask, float scale) {
-  prefill::check_qkv(query, key, value);
-  OptTensor mask = attn_mask;
-  prefill::prepare_mask(mask, query, key, false);
-  VORTA_ASSERT(key.scalar_type() == at::ScalarType::Byte);
-  return prefill::route(query, key, value, prefill::kernel_mask(attn_mask, mask), scale, true, false);
+  const at::Tensor mask = prefill::checked_mask(query, key, value, attn_mask, false, [&] {
+    VORTA_ASSERT(key.scalar_type() == at::ScalarType::Byte);
+  });
+  return prefill::route(query, key, value, mask, scale, true, false);
 }
 
 at::Tensor sdp_non_causal(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
                           const OptTensor& attn_mask, float scale) {
-  prefill::check_qkv(query, key, value);
-  OptTensor mask = attn_mask;
-  prefill::prepare_mask(mask, query, key, false);
-  VORTA_ASSERT(query.scalar_type() == key.scalar_type());
-  return prefill::route(query, key, value, prefill::kernel_mask(attn_mask, mask), scale, false, false);
+  const at::Tensor mask = prefill::checked_mask(query, key, value, attn_mask, false, [&] {
+    VORTA_ASSERT(query.scalar_type() == key.scalar_type());
+  });
+  return prefill::route(query, key, value, mask, scale, false, false);
 }
 
 at::Tensor siglip_sdp_non_causal(const at::Tensor& query, const at::Tensor& key,
                                  const at::Tensor& value, const OptTensor& attn_mask) {
-  prefill::check_qkv(query, key, value);
-  OptTensor mask = attn_mask;
-  prefill::prepare_mask(mask, query, key, false);
-  VORTA_ASSERT(query.scalar_type() == key.scalar_type());
-  return prefill::siglip_prefill(query, key, value, prefill::kernel_mask(attn_mask, mask));
+  const at::Tensor mask = prefill::checked_mask(query, key, value, attn_mask, false, [&] {
+    VORTA_ASSERT(query.scalar_type() == key.scalar_type());
+  });
+  return prefill::siglip_prefill(query, key, value, mask);
 }
 
 }  // namespace vorta

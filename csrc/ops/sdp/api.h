@@ -26,6 +26,18 @@ inline at::Tensor kernel_mask(const std::optional<at::Tensor>& given,
   return given ? *prepared : at::Tensor();
 }
 
+// The entry sequence of every prefill operator: shape check, mask
+// preparation, then the operator's own checks; returns the mask the kernels read.
+template <typename OwnChecks>
+at::Tensor checked_mask(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
+                        const std::optional<at::Tensor>& given, bool causal, OwnChecks own_checks) {
+  check_qkv(query, key, value);
+  std::optional<at::Tensor> mask = given;
+  prepare_mask(mask, query, key, causal);
+  own_checks();
+  return kernel_mask(given, mask);
+}
+
 // True when the query's device family has a matrix engine and its head_dim is 64, 80 or 128.
 bool use_matrix_engine(const at::Tensor& query);
 

@@ -17,11 +17,10 @@ namespace {
 
 at::Tensor soft_capped(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
                        const OptTensor& attn_mask, float softcap, float scale, bool causal) {
-  prefill::check_qkv(query, key, value);
-  OptTensor mask = attn_mask;
-  prefill::prepare_mask(mask, query, key, causal);
-  if (causal) VORTA_ASSERT(query.size(2) == key.size(2));
-  VORTA_ASSERT(query.scalar_type() == key.scalar_type());
+  const at::Tensor mask = prefill::checked_mask(query, key, value, attn_mask, causal, [&] {
+    if (causal) VORTA_ASSERT(query.size(2) == key.size(2));
+    VORTA_ASSERT(query.scalar_type() == key.scalar_type());
+  });
   const int64_t D = query.size(3);
   dispatch_int<256, 192, 128, 96, 80, 64>(
       D, "unsupported head_dim, only 256, 192, 128, 96, 80 and 64 are supported", [](auto) {});
@@ -32,10 +31,9 @@ at::Tensor soft_capped(const at::Tensor& query, const at::Tensor& key, const at:
     prefill::check_layout(query, query, "query");
     prefill::check_layout(key, query, "key");
     prefill::check_layout(value, query, "value");
-    prefill::check_layout(prefill::kernel_mask(attn_mask, mask), query, "mask");
+    prefill::check_layout(mask, query, "mask");
     out = at::empty({query.size(0), query.size(1), query.size(2), D}, query.options());
-    auto p = prefill::attention_problem<T, T>(query, prefill::kernel_mask(attn_mask, mask), out,
-                                                 scale, causal);
+    auto p = prefill::attention_problem<T, T>(query, mask, out, scale, causal);
     p.key = const_ptr<T>(key);
     prefill::strides3(key, p.k_stride);
     p.key_layout = cpu::KeyLayout::kRows;

@@ -36,16 +36,7 @@ void run_half_copies(const at::Tensor& query, const at::Tensor& key, const at::T
     launch_value_rows<T, half>(value, value_r, d_in, d_out, "reshape value cache");
   }
   auto p = attention_problem<T, half>(query, mask, out, scale, causal);
-  p.key = const_ptr<half>(key_r);
-  p.k_stride[0] = key_r.stride(0);
-  p.k_stride[1] = key_r.stride(1);
-  p.key_layout = cpu::KeyLayout::kTiles;
-  p.key_block = kKeyBlock;
-  p.value = const_ptr<half>(value_r);
-  strides3(value_r, p.v_stride);
-  p.kv_heads = key.size(1);
-  p.kv_len = key.size(2);
-  p.k_dim = p.v_dim = d_out;
+  read_key_tiles(p, key_r, kKeyBlock, value_r, key.size(2), d_out, d_out);
   p.o_dim = int(out.size(3));
   launch_attention(p, query.device(), "sdp sysa kernel");
 }

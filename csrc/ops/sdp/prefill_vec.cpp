@@ -47,18 +47,10 @@ at::Tensor vector_prefill(const at::Tensor& query, const at::Tensor& key, const 
       launch_key_tiles<T, T>(key, key_t, int(D), int(D), block, "transpose key cache");
     }
     auto p = attention_problem<T, T>(query, mask, out, scale, causal);
-    p.key = const_ptr<T>(key_t);
-    p.k_stride[0] = key_t.stride(0);
-    p.k_stride[1] = key_t.stride(1);
-    p.key_layout = cpu::KeyLayout::kTiles;
-    p.key_block = block;
-    p.value = const_ptr<T>(value_d);
-    strides3(value_d, p.v_stride);
-    p.kv_heads = Hkv;
-    p.kv_len = L;
-    p.k_dim = int(D);
-    p.v_dim = p.o_dim = int(Dv);
-    launch_attention(p, query.device(), unbalanced ? "sdp vec unbalanced kernel" : "sdp vec kernel");
+    read_key_tiles(p, key_t, block, value_d, L, int(D), int(Dv));
+    p.o_dim = int(Dv);
+    launch_attention(p, query.device(),
+                     unbalanced ? "sdp vec unbalanced kernel" : "sdp vec kernel");
   });
   return out.narrow(2, 0, Lq);
 }
