@@ -85,7 +85,7 @@ inline void value_kernel(const float* p, int ldp, const float* v, int64_t ldv, i
   }
 }
 
-#if defined(__GNUC__) && defined(__x86_64__)
+#if VORTA_ATTN_SIMD && defined(__GNUC__) && defined(__x86_64__)
 #define VORTA_ATTN_AVX512 1
 #define VORTA_TARGET_AVX512 __attribute__((target("avx512f,avx512vl,avx2,fma,f16c")))
 // GCC 12's AVX-512 intrinsics pass _mm512_undefined_ps() as the unused merge
