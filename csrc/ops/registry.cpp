@@ -17,17 +17,17 @@ PYBIND11_MODULE(vorta_addons, m) {
   m.def("gemma2_sdp_causal", &gemma2_sdp_causal, "gemma2 sdp causal");
   m.def("rms_norm", &rms_norm, "fused rms norm");
   m.def("layer_norm", &layer_norm, "fused layer norm");
-  // m.def("rotary_half_inplaced", &rotary_half_inplaced, "rotary half inplaced");
-  // m.def("rotary_two_inplaced", &rotary_two_inplaced, "rotary two inplaced");
-  // m.def("rotary_half_with_cache_inplaced", &rotary_half_with_cache_inplaced, "rotary half with cache inplaced");
-  // m.def("rotary_two_with_cache_inplaced", &rotary_two_with_cache_inplaced, "rotary two with cache inplaced");
-  // m.def("mlp_silu_mul_inplaced", &mlp_silu_mul_inplaced, "mlp silu_mul inplaced");
-  // m.def("quantize_key_value", &quantize_key_value, "quantize key value");
-  // m.def("dequantize_key_value", &dequantize_key_value, "dequantize key value");
-  // m.def("repetition_penalty_logits_process_inplaced", &repetition_penalty_logits_process_inplaced, "repetition penalty logits process");
-  // m.def("attn_softmax_inplaced", &attn_softmax_inplaced, "attention softmax inplaced");
-  // m.def("moe_group_topk", &moe_group_topk, "moe group topk");
-  // m.def("moe_softmax_topk", &moe_softmax_topk, "moe softmax topk");
+  m.def("rotary_half_inplaced", &rotary_half_inplaced, "rotary half inplaced");
+  m.def("rotary_two_inplaced", &rotary_two_inplaced, "rotary two inplaced");
+  m.def("rotary_half_with_cache_inplaced", &rotary_half_with_cache_inplaced, "rotary half with cache inplaced");
+  m.def("rotary_two_with_cache_inplaced", &rotary_two_with_cache_inplaced, "rotary two with cache inplaced");
+  m.def("mlp_silu_mul_inplaced", &mlp_silu_mul_inplaced, "mlp silu_mul inplaced");
+  m.def("quantize_key_value", &quantize_key_value, "quantize key value");
+  m.def("dequantize_key_value", &dequantize_key_value, "dequantize key value");
+  m.def("repetition_penalty_logits_process_inplaced", &repetition_penalty_logits_process_inplaced, "repetition penalty logits process");
+  m.def("attn_softmax_inplaced", &attn_softmax_inplaced, "attention softmax inplaced");
+  m.def("moe_group_topk", &moe_group_topk, "moe group topk");
+  m.def("moe_softmax_topk", &moe_softmax_topk, "moe softmax topk");
 
   // Private hooks for the test suite; not part of the API.
   auto testing = m.def_submodule("_testing");

@@ -1,0 +1,26 @@
+#include "cpu/mlp.h"
+
+#include "common/numeric.h"
+#include "cpu/exp2.h"
+#include "cpu/parallel.h"
+#include "cpu/vec.h"
+
+namespace vorta::cpu {
+
+template <typename T>
+void silu_mul(T* gate, const T* up, int64_t nelem) {
+  // -log2(e) rounded to float (bits 0xBFB8AA3B).
+  const Vec8 c = Vec8::broadcast(-1.4426950216293335f);
+  const Vec8 one = Vec8::broadcast(1.0f);
+  parallel_for(0, nelem / 8, grain_for(8 * 3 * int64_t(sizeof(T))), [&](int64_t lo, int64_t hi) {
+    for (int64_t i = lo * 8; i < hi * 8; i += 8) {
+      const Vec8 g = Vec8::load(gate + i), u = Vec8::load(up + i);
+      ((g * u) / (exp2(g * c) + one)).store(gate + i);
+    }
+  });
+}
+
+template void silu_mul<float>(float*, const float*, int64_t);
+template void silu_mul<half>(half*, const half*, int64_t);
+
+}  // namespace vorta::cpu

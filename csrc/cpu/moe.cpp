@@ -1,0 +1,324 @@
+#include "cpu/moe.h"
+
+#include <cstring>
+#include <limits>
+#include <vector>
+
+#include "common/numeric.h"
+#include "cpu/exp2.h"
+#include "cpu/parallel.h"
+#include "cpu/vec.h"
+
+namespace vorta::cpu {
+namespace {
+
+constexpr int kLanes = 256;  // widest expert row
+constexpr int kMaxTopK = 32;
+constexpr int kMaxGroups = kLanes / 16;  // groups hold a multiple of 16 experts
+constexpr float kInf = std::numeric_limits<float>::infinity();
+constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
+
+// The largest non-NaN value of v[0..n) (n a multiple of 8); -inf if none.
+#if VORTA_AVX2
+inline float max_value(const float* v, int n) {
+  // max_ps returns its second operand when either is NaN: the accumulator
+  // goes second and never becomes NaN.
+  __m256 a0 = _mm256_set1_ps(-kInf), a1 = a0;
+  int i = 0;
+  for (; i + 16 <= n; i += 16) {
+    a0 = _mm256_max_ps(_mm256_loadu_ps(v + i), a0);
+    a1 = _mm256_max_ps(_mm256_loadu_ps(v + i + 8), a1);
+  }
+  if (i < n) a0 = _mm256_max_ps(_mm256_loadu_ps(v + i), a0);
+  __m256 m = _mm256_max_ps(a0, a1);
+  m = _mm256_max_ps(m, _mm256_permute2f128_ps(m, m, 1));
+  m = _mm256_max_ps(m, _mm256_shuffle_ps(m, m, _MM_SHUFFLE(1, 0, 3, 2)));
+  m = _mm256_max_ps(m, _mm256_shuffle_ps(m, m, _MM_SHUFFLE(2, 3, 0, 1)));
+  return _mm256_cvtss_f32(m);
+}
+
+// The lowest lane of v[0..n) equal to m, or -1.
+inline int first_equal(const float* v, int n, float m) {
+  const __m256 vm = _mm256_set1_ps(m);
+  for (int i = 0; i < n; i += 8) {
+    const int hits = _mm256_movemask_ps(_mm256_cmp_ps(_mm256_loadu_ps(v + i), vm, _CMP_EQ_OQ));
+    if (hits) return i + __builtin_ctz(unsigned(hits));
+  }
+  return -1;
+}
+#else
+inline float max_value(const float* v, int n) {
+  float m = -kInf;
+  for (int i = 0; i < n; ++i) m = v[i] > m ? v[i] : m;
+  return m;
+}
+
+inline int first_equal(const float* v, int n, float m) {
+  for (int i = 0; i < n; ++i)
+    if (v[i] == m) return i;
+  return -1;
+}
+#endif
+
+// Takes the largest value of v[0..n), the lowest lane on ties: stores it in
+// `value`, writes -1.0 over its lane (so the next call finds the next one) and
+// returns the lane. Returns -1 and leaves v alone when every lane is NaN.
+inline int take_max(float* v, int n, float& value) {
+  const int lane = first_equal(v, n, max_value(v, n));
+  if (lane >= 0) value = v[lane], v[lane] = -1.0f;
+  return lane;
+}
+
+// take_max over a NaN-free row, repeated: the row is cut into blocks of 32
+// lanes whose maxima are kept, so a take looks at the block maxima, one block
+// and then refreshes that block's maximum. Same choices as take_max.
+// take_max repeated over any row, NaN lanes included.
+class ScanSelector {
+ public:
+  void init(float* v, int n) { v_ = v, n_ = n; }
+  int take(float& value) { return take_max(v_, n_, value); }
+
+ private:
+  float* v_ = nullptr;
+  int n_ = 0;
+};
+
+#if VORTA_AVX2
+class Selector {
+ public:
+  // v has room for n (a multiple of 8) rounded up to 32 lanes; the lanes past
+  // n become -inf, below every real lane, and are never taken.
+  void init(float* v, int n) {
+    v_ = v;
+    block_max_ = _mm256_set1_ps(-kInf);
+    const int padded = (n + 31) & ~31;
+    for (int i = n; i < padded; i += 8) _mm256_storeu_ps(v + i, _mm256_set1_ps(-kInf));
+    for (int b = 0; b * 32 < padded; ++b) {
+      const float* blk = v + 32 * b;
+      set_block_max(b, _mm256_loadu_ps(blk), _mm256_loadu_ps(blk + 8), _mm256_loadu_ps(blk + 16),
+                    _mm256_loadu_ps(blk + 24));
+    }
+  }
+
+  // Whole-vector loads and stores only: a narrow store read back by a wide
+  // load would stall on store forwarding.
+  int take(float& value) {
+    const __m256 m = broadcast_max(block_max_);
+    const int b =
+        __builtin_ctz(unsigned(_mm256_movemask_ps(_mm256_cmp_ps(block_max_, m, _CMP_EQ_OQ))));
+    float* blk = v_ + 32 * b;
+    __m256 x[4];
+    unsigned hits = 0;
+    for (int j = 0; j < 4; ++j) {
+      x[j] = _mm256_loadu_ps(blk + 8 * j);
+      hits |= unsigned(_mm256_movemask_ps(_mm256_cmp_ps(x[j], m, _CMP_EQ_OQ))) << (8 * j);
+    }
+    const unsigned first = hits & (0u - hits);
+    const __m256i bit = _mm256_setr_epi32(1, 2, 4, 8, 16, 32, 64, 128);
+    for (int j = 0; j < 4; ++j) {
+      const __m256i mine = _mm256_and_si256(_mm256_set1_epi32(int(first >> (8 * j))), bit);
+      x[j] = _mm256_blendv_ps(x[j], _mm256_set1_ps(-1.0f),
+                              _mm256_castsi256_ps(_mm256_cmpeq_epi32(mine, bit)));
+      _mm256_storeu_ps(blk + 8 * j, x[j]);
+    }
+    set_block_max(b, x[0], x[1], x[2], x[3]);
+    value = _mm256_cvtss_f32(m);
+    return 32 * b + __builtin_ctz(hits);
+  }
+
+ private:
+  static __m256 broadcast_max(__m256 m) {
+    m = _mm256_max_ps(m, _mm256_permute2f128_ps(m, m, 1));
+    m = _mm256_max_ps(m, _mm256_shuffle_ps(m, m, _MM_SHUFFLE(1, 0, 3, 2)));
+    return _mm256_max_ps(m, _mm256_shuffle_ps(m, m, _MM_SHUFFLE(2, 3, 0, 1)));
+  }
+  void set_block_max(int b, __m256 x0, __m256 x1, __m256 x2, __m256 x3) {
+    const __m256 m = broadcast_max(_mm256_max_ps(_mm256_max_ps(x0, x1), _mm256_max_ps(x2, x3)));
+    const __m256i lane = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
+    block_max_ = _mm256_blendv_ps(
+        block_max_, m, _mm256_castsi256_ps(_mm256_cmpeq_epi32(lane, _mm256_set1_epi32(b))));
+  }
+
+  float* v_ = nullptr;
+  __m256 block_max_;  // lane b: the largest value of lanes 32b..32b+31
+};
+#else
+using Selector = ScanSelector;
+#endif
+
+inline bool has_nan(const float* v, int n) {
+  bool nan = false;
+  for (int i = 0; i < n; ++i) nan |= v[i] != v[i];
+  return nan;
+}
+
+// Sums lanes 0..width-1 by halving folds (lane i + lane i + width/2, and so on
+// down to one lane), in place.
+inline float fold_sum(float* v, int width) {
+  for (int w = width / 2; w >= 8; w /= 2)
+    for (int i = 0; i < w; i += 8) (Vec8::load(v + i) + Vec8::load(v + i + w)).store(v + i);
+  for (int w = 4; w >= 1; w /= 2)
+    for (int i = 0; i < w; ++i) v[i] += v[i + w];
+  return v[0];
+}
+
+// The halving-fold sum of 256 lanes whose lanes past n (a multiple of 8) are 0.0.
+inline float lane_sum(const float* p, int n) {
+  alignas(32) float s[kLanes / 2];
+  for (int i = 0; i < kLanes / 2; i += 8) {
+    const Vec8 a = i < n ? Vec8::load(p + i) : Vec8::zero();
+    const Vec8 b = i + kLanes / 2 < n ? Vec8::load(p + i + kLanes / 2) : Vec8::zero();
+    (a + b).store(s + i);
+  }
+  return fold_sum(s, kLanes / 2);
+}
+
+// Sum of the first k of 32 zero-padded weights, folded by halves.
+inline float weight_sum(const float* w, int k) {
+  alignas(32) float t[kMaxTopK] = {};
+  std::memcpy(t, w, sizeof(float) * size_t(k));
+  return fold_sum(t, kMaxTopK);
+}
+
+template <typename T>
+void store_choice(const int* id, const float* w, int k, int64_t* ids, T* weights) {
+  for (int i = 0; i < k; ++i) {
+    ids[i] = id[i];
+    weights[i] = from_float<T>(w[i]);
+  }
+}
+
+template <typename T>
+void softmax_topk_row(const T* logits, int n, int top_k, bool renormalize, int64_t* ids,
+                      T* weights) {
+  alignas(32) float p[kLanes];
+  load_row(logits, p, n);
+  const Vec8 vm = Vec8::broadcast(max_value(p, n)), l2e = Vec8::broadcast(1.4426950216293335f);
+  for (int i = 0; i < n; i += 8) exp2((Vec8::load(p + i) - vm) * l2e).store(p + i);
+  const float sum = lane_sum(p, n);
+
+  int id[kMaxTopK];
+  float w[kMaxTopK];
+  if (!(sum > 0.0f)) {
+    // A NaN (or empty) row: no lane equals its maximum, every choice is expert 0.
+    for (int k = 0; k < top_k; ++k) id[k] = 0, w[k] = kNaN;
+  } else {
+    const Vec8 vs = Vec8::broadcast(sum);
+    for (int i = 0; i < n; i += 8) (Vec8::load(p + i) / vs).store(p + i);
+    // Lanes n..255 hold 0.0 and sit above every real lane: they are taken, in
+    // order, only once every real lane has been taken (and turned into -1.0).
+    int next_pad = n;
+    Selector lanes;
+    lanes.init(p, n);
+    for (int k = 0; k < top_k; ++k) {
+      id[k] = lanes.take(w[k]);
+      if (w[k] < 0.0f) id[k] = next_pad++, w[k] = 0.0f;
+    }
+  }
+  if (renormalize) {
+    const float total = weight_sum(w, top_k);
+    for (int k = 0; k < top_k; ++k) w[k] = w[k] / total;
+  }
+  store_choice(id, w, top_k, ids, weights);
+}
+
+struct GroupRouting {
+  int n, groups, per_group, topk_group, top_k;
+  bool renormalize;
+  float eps, scaling;
+};
+
+// The experts of one token from its biased scores v (overwritten).
+template <typename Sel>
+void choose_experts(const GroupRouting& r, float* v, int* id) {
+  // Group score: the sum of the group's topk_group largest values, taken one
+  // after another (a group of NaNs scores NaN). The groups take in turns so
+  // that their independent dependency chains overlap.
+  const int stride = (r.per_group + 31) & ~31;
+  alignas(32) float lanes[2 * kLanes];
+  Sel group[kMaxGroups];
+  float group_score[kMaxGroups];
+  for (int g = 0; g < r.groups; ++g) {
+    float* mine = lanes + g * stride;
+    for (int e = 0; e < r.per_group; e += 8) Vec8::load(v + g * r.per_group + e).store(mine + e);
+    group[g].init(mine, r.per_group);
+    group_score[g] = 0.0f;
+  }
+  for (int k = 0; k < r.topk_group; ++k) {
+    for (int g = 0; g < r.groups; ++g) {
+      float m;
+      group_score[g] = group_score[g] + (group[g].take(m) < 0 ? kNaN : m);
+    }
+  }
+  // Groups outside the best topk_group (ties to the lower group) count as 0.0.
+  for (int g = 0; g < r.groups; ++g) {
+    int rank = 0;
+    for (int j = 0; j < r.groups; ++j)
+      rank += group_score[j] > group_score[g] || (group_score[j] == group_score[g] && j < g);
+    if (rank >= r.topk_group)
+      for (int e = g * r.per_group; e < (g + 1) * r.per_group; ++e) v[e] = 0.0f;
+  }
+  Sel sel;
+  sel.init(v, r.n);
+  for (int k = 0; k < r.top_k; ++k) {
+    float m;
+    id[k] = sel.take(m);
+    if (id[k] < 0) id[k] = 0;  // nothing but NaN left: expert 0
+  }
+}
+
+}  // namespace
+
+template <typename T>
+void moe_softmax_topk(const T* logits, int64_t* ids, T* weights, int64_t num_tokens,
+                      int64_t n_experts, int64_t top_k, bool renormalize) {
+  parallel_for(0, num_tokens, 16, [&](int64_t lo, int64_t hi) {
+    for (int64_t t = lo; t < hi; ++t)
+      softmax_topk_row(logits + t * n_experts, int(n_experts), int(top_k), renormalize,
+                       ids + t * top_k, weights + t * top_k);
+  });
+}
+
+template <typename T>
+void moe_group_topk(const float* scores, const T* bias, int64_t* ids, T* weights,
+                    int64_t num_tokens, int64_t n_experts, int64_t n_groups, int64_t topk_group,
+                    int64_t top_k, bool renormalize, float eps, float scaling) {
+  std::vector<float> b(bias ? size_t(n_experts) : 0);
+  for (size_t e = 0; e < b.size(); ++e) b[e] = to_float(bias[e]);
+  const GroupRouting r{int(n_experts), int(n_groups), int(n_experts / n_groups), int(topk_group),
+                       int(top_k), renormalize, eps, scaling};
+  parallel_for(0, num_tokens, 16, [&](int64_t lo, int64_t hi) {
+    for (int64_t t = lo; t < hi; ++t) {
+      const float* row = scores + t * n_experts;
+      alignas(32) float v[kLanes];
+      if (bias) {
+        for (int e = 0; e < r.n; e += 8) (Vec8::load(row + e) + Vec8::load(&b[e])).store(v + e);
+      } else {
+        std::memcpy(v, row, sizeof(float) * size_t(r.n));
+      }
+      int id[kMaxTopK];
+      float w[kMaxTopK];
+      if (has_nan(v, r.n))
+        choose_experts<ScanSelector>(r, v, id);
+      else
+        choose_experts<Selector>(r, v, id);
+      for (int k = 0; k < r.top_k; ++k) w[k] = row[id[k]];
+      if (renormalize) {
+        const float total = weight_sum(w, r.top_k) + eps;
+        for (int k = 0; k < r.top_k; ++k) w[k] = w[k] / total;
+      }
+      for (int k = 0; k < r.top_k; ++k) w[k] = w[k] * scaling;
+      store_choice(id, w, r.top_k, ids + t * top_k, weights + t * top_k);
+    }
+  });
+}
+
+#define VORTA_INSTANTIATE(T)                                                                  \
+  template void moe_softmax_topk<T>(const T*, int64_t*, T*, int64_t, int64_t, int64_t, bool); \
+  template void moe_group_topk<T>(const float*, const T*, int64_t*, T*, int64_t, int64_t,     \
+                                  int64_t, int64_t, int64_t, bool, float, float);
+VORTA_INSTANTIATE(float)
+VORTA_INSTANTIATE(half)
+#undef VORTA_INSTANTIATE
+
+}  // namespace vorta::cpu

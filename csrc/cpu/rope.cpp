@@ -1,0 +1,303 @@
+#include "cpu/rope.h"
+
+#include <algorithm>
+#include <cmath>
+#include <vector>
+
+#include "common/numeric.h"
+#include "cpu/parallel.h"
+#include "cpu/vec.h"
+
+namespace vorta::cpu {
+namespace {
+
+// One rounding to T, back in float (the identity for float).
+template <typename T>
+inline float round_to(float x) {
+  return to_float(from_float<T>(x));
+}
+
+// A product rounded to T on its own. The barrier keeps the compiler from
+// fusing it into the following sum: GCC's vectoriser forms fmaddsub from
+// scalar pairs even under -ffp-contract=off.
+template <typename T>
+inline float product(float a, float b) {
+  float p = a * b;
+#if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
+  asm("" : "+x"(p));
+#endif
+  return round_to<T>(p);
+}
+
+#if VORTA_AVX2
+template <typename T>
+inline __m256 load8(const T* p) {
+  return Vec8::load(p).v;
+}
+
+// bf16 rounding (to nearest, ties to even) of eight floats, as float bit
+// patterns with the low 16 bits clear. NaN needs no care here: every NaN in
+// these kernels comes from a bf16 load or is the hardware's default NaN, both
+// with zero low bits, so the increment cannot carry out of the mantissa.
+inline __m256i bf16_round_bits(__m256 v) {
+  const __m256i b = _mm256_castps_si256(v);
+  const __m256i lsb = _mm256_and_si256(_mm256_srli_epi32(b, 16), _mm256_set1_epi32(1));
+  const __m256i r = _mm256_add_epi32(_mm256_add_epi32(b, _mm256_set1_epi32(0x7fff)), lsb);
+  return _mm256_and_si256(r, _mm256_set1_epi32(int(0xffff0000u)));
+}
+
+template <typename T>
+inline __m256 round8(__m256 v);
+template <>
+inline __m256 round8<float>(__m256 v) {
+  return v;
+}
+template <>
+inline __m256 round8<half>(__m256 v) {
+  return _mm256_cvtph_ps(_mm256_cvtps_ph(v, _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC));
+}
+template <>
+inline __m256 round8<bf16>(__m256 v) {
+  return _mm256_castsi256_ps(bf16_round_bits(v));
+}
+
+inline void store8(float* p, __m256 v) { _mm256_storeu_ps(p, v); }
+inline void store8(half* p, __m256 v) { Vec8{v}.store(p); }
+inline void store8(bf16* p, __m256 v) {
+  const __m256i r = _mm256_srli_epi32(bf16_round_bits(v), 16);
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(p),
+                   _mm_packus_epi32(_mm256_castsi256_si128(r), _mm256_extracti128_si256(r, 1)));
+}
+#endif
+
+#if VORTA_AVX2 && defined(__FMA__)
+// sin and cos of eight angles: reduction by the nearest multiple of pi/2 in
+// three parts (the first exact through FMA), then the classic minimax
+// polynomials on [-pi/4, pi/4]. A few ulp for |x| below 2^20.
+inline void sincos8(__m256 x, __m256& sin_out, __m256& cos_out) {
+  const __m256 j = _mm256_round_ps(_mm256_mul_ps(x, _mm256_set1_ps(0.636619746685028076171875f)),
+                                   _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC);
+  __m256 r = _mm256_fnmadd_ps(j, _mm256_set1_ps(1.57079637050628662109375f), x);
+  r = _mm256_fnmadd_ps(j, _mm256_set1_ps(-4.37113882867379300296306610107421875e-08f), r);
+  r = _mm256_fnmadd_ps(j, _mm256_set1_ps(-1.7151245100058819e-15f), r);
+  const __m256 z = _mm256_mul_ps(r, r);
+  __m256 sp = _mm256_fmadd_ps(_mm256_set1_ps(-1.9515295891e-4f), z, _mm256_set1_ps(8.3321608736e-3f));
+  sp = _mm256_fmadd_ps(sp, z, _mm256_set1_ps(-1.6666654611e-1f));
+  sp = _mm256_fmadd_ps(_mm256_mul_ps(sp, z), r, r);
+  __m256 cp = _mm256_fmadd_ps(_mm256_set1_ps(2.443315711809948e-5f), z, _mm256_set1_ps(-1.388731625493765e-3f));
+  cp = _mm256_fmadd_ps(cp, z, _mm256_set1_ps(4.166664568298827e-2f));
+  cp = _mm256_fmadd_ps(_mm256_mul_ps(cp, z), z, _mm256_fnmadd_ps(_mm256_set1_ps(0.5f), z, _mm256_set1_ps(1.0f)));
+  // Quadrant q: odd quadrants swap sin and cos; sin is negative in quadrants
+  // 2 and 3, cos in 1 and 2 (two's complement keeps this right for q < 0).
+  const __m256i q = _mm256_cvtps_epi32(j);
+  const __m256i one = _mm256_set1_epi32(1), two = _mm256_set1_epi32(2);
+  const __m256 swap = _mm256_castsi256_ps(_mm256_cmpeq_epi32(_mm256_and_si256(q, one), one));
+  const __m256 s = _mm256_blendv_ps(sp, cp, swap), c = _mm256_blendv_ps(cp, sp, swap);
+  const __m256i sin_sign = _mm256_slli_epi32(_mm256_and_si256(q, two), 30);
+  const __m256i cos_sign = _mm256_slli_epi32(_mm256_and_si256(_mm256_add_epi32(q, one), two), 30);
+  sin_out = _mm256_xor_ps(s, _mm256_castsi256_ps(sin_sign));
+  cos_out = _mm256_xor_ps(c, _mm256_castsi256_ps(cos_sign));
+}
+#endif
+
+// cos and sin of position * freq[i] for i < n (n a multiple of 8), rounded to T.
+template <typename T>
+void angle_table(float position, const float* freq, int64_t n, float* c, float* s) {
+#if VORTA_AVX2 && defined(__FMA__)
+  const __m256 p = _mm256_set1_ps(position);
+  for (int64_t i = 0; i < n; i += 8) {
+    __m256 sv, cv;
+    sincos8(_mm256_mul_ps(p, _mm256_loadu_ps(freq + i)), sv, cv);
+    _mm256_storeu_ps(c + i, round8<T>(cv));
+    _mm256_storeu_ps(s + i, round8<T>(sv));
+  }
+#else
+  for (int64_t i = 0; i < n; ++i) {
+    const float a = position * freq[i];
+    c[i] = round_to<T>(std::cos(a));
+    s[i] = round_to<T>(std::sin(a));
+  }
+#endif
+}
+
+// Per-element factors for pairs (2i, 2i+1): cd = (c, c), sd = (-s, s), taking
+// the angle of pair i from c[i * stride], s[i * stride].
+void expand_pairs(const float* c, const float* s, int64_t stride, int64_t pairs, float* cd,
+                  float* sd) {
+  for (int64_t i = 0; i < pairs; ++i) {
+    cd[2 * i] = cd[2 * i + 1] = c[i * stride];
+    sd[2 * i] = -s[i * stride];
+    sd[2 * i + 1] = s[i * stride];
+  }
+}
+
+// row[i], row[i + half] <- x1*c - x2*s, x2*c + x1*s for i < half; each
+// product and the sum or difference rounded to T.
+template <typename T>
+void rotate_half_row(T* row, const float* c, const float* s, int64_t half) {
+  int64_t i = 0;
+#if VORTA_AVX2
+  for (; i + 8 <= half; i += 8) {
+    const __m256 x1 = load8(row + i), x2 = load8(row + half + i);
+    const __m256 cv = _mm256_loadu_ps(c + i), sv = _mm256_loadu_ps(s + i);
+    store8(row + i, _mm256_sub_ps(round8<T>(_mm256_mul_ps(x1, cv)), round8<T>(_mm256_mul_ps(x2, sv))));
+    store8(row + half + i,
+           _mm256_add_ps(round8<T>(_mm256_mul_ps(x2, cv)), round8<T>(_mm256_mul_ps(x1, sv))));
+  }
+#endif
+  for (; i < half; ++i) {
+    const float x1 = to_float(row[i]), x2 = to_float(row[half + i]);
+    row[i] = from_float<T>(product<T>(x1, c[i]) - product<T>(x2, s[i]));
+    row[half + i] = from_float<T>(product<T>(x2, c[i]) + product<T>(x1, s[i]));
+  }
+}
+
+// (row[2i], row[2i+1]) <- (u*c - v*s, v*c + u*s) over the first n elements,
+// as x*cd + swap(x)*sd: negating a rounded product is exact, so this rounds
+// like the difference it stands for.
+template <typename T>
+void rotate_pairs_row(T* row, const float* cd, const float* sd, int64_t n) {
+  int64_t k = 0;
+#if VORTA_AVX2
+  for (; k + 8 <= n; k += 8) {
+    const __m256 x = load8(row + k);
+    const __m256 swapped = _mm256_permute_ps(x, 0xb1);
+    store8(row + k, _mm256_add_ps(round8<T>(_mm256_mul_ps(x, _mm256_loadu_ps(cd + k))),
+                                  round8<T>(_mm256_mul_ps(swapped, _mm256_loadu_ps(sd + k)))));
+  }
+#endif
+  for (; k < n; k += 2) {
+    const float u = to_float(row[k]), v = to_float(row[k + 1]);
+    const float c = cd[k], s = sd[k + 1];
+    row[k] = from_float<T>(product<T>(u, c) - product<T>(v, s));
+    row[k + 1] = from_float<T>(product<T>(v, c) + product<T>(u, s));
+  }
+}
+
+// Position of one row in the walk over all rows: token (b, s), then head h
+// (query heads first, then key heads).
+struct RowCursor {
+  int64_t b, s, h;
+  RowCursor(int64_t r, int64_t heads, int64_t seq_len)
+      : b(r / heads / seq_len), s(r / heads % seq_len), h(r % heads) {}
+  // Steps to the next row; true when that row belongs to a new token.
+  bool next(int64_t heads, int64_t seq_len) {
+    if (++h < heads) return false;
+    h = 0;
+    if (++s == seq_len) {
+      s = 0;
+      ++b;
+    }
+    return true;
+  }
+  template <typename T>
+  T* row(T* query, T* key, const RotaryRows& g) const {
+    const int64_t* qs = g.query_stride;
+    const int64_t* ks = g.key_stride;
+    return h < g.num_heads ? query + b * qs[0] + h * qs[1] + s * qs[2]
+                           : key + b * ks[0] + (h - g.num_heads) * ks[1] + s * ks[2];
+  }
+};
+
+// Runs rotate(row, table) over every query and key row in parallel. Rows are
+// walked token by token (all heads of token (b, s), then the next token), so
+// a chunk builds each token's table once: prepare(b, s, table). Rows a few
+// steps ahead are prefetched: the rotation is light enough that waiting for
+// memory would otherwise dominate.
+template <typename T, typename Prepare, typename Rotate>
+void for_each_row(T* query, T* key, const RotaryRows& g, int64_t row_elems, int64_t table_floats,
+                  Prepare prepare, Rotate rotate) {
+  constexpr int64_t kAhead = 8;
+  const int64_t heads = g.num_heads + g.num_kv_heads;
+  const int64_t total = g.bsz * g.seq_len * heads;
+  if (total == 0) return;
+  const int64_t row_bytes = row_elems * int64_t(sizeof(T));
+  // A chunk spans at least one token: its table is then built about once per
+  // chunk, and a single decode token stays on the calling thread.
+  const int64_t grain = std::max(grain_for(2 * row_bytes), heads);
+  parallel_for(0, total, grain, [&](int64_t lo, int64_t hi) {
+    std::vector<float> table(table_floats);
+    RowCursor at(lo, heads, g.seq_len), ahead = at;
+    for (int64_t r = lo; r < hi && r < lo + kAhead; ++r) ahead.next(heads, g.seq_len);
+    prepare(at.b, at.s, table.data());
+    for (int64_t r = lo; r < hi; ++r) {
+      if (r + kAhead < hi) {
+        const uintptr_t p = reinterpret_cast<uintptr_t>(ahead.row(query, key, g));
+        for (uintptr_t line = p & ~uintptr_t(63); line < p + row_bytes; line += 64)
+          __builtin_prefetch(reinterpret_cast<const void*>(line), 1);
+        ahead.next(heads, g.seq_len);
+      }
+      rotate(at.row(query, key, g), static_cast<const float*>(table.data()));
+      if (at.next(heads, g.seq_len) && r + 1 < hi) prepare(at.b, at.s, table.data());
+    }
+  });
+}
+
+}  // namespace
+
+template <typename T>
+void rotary_inv_freq(const T* inv_freq, const int64_t* position_ids, int64_t position_rows,
+                     int64_t position_stride, T* query, T* key, const RotaryRows& rows,
+                     int64_t head_dim, bool every_two) {
+  const int64_t half = head_dim / 2, padded = (half + 7) / 8 * 8;
+  if (half == 0) return;
+  std::vector<float> freq(padded, 0.0f);
+  load_row(inv_freq, freq.data(), half);
+  // Table: c[padded], s[padded], then for pairs cd[2 * padded], sd[2 * padded].
+  auto prepare = [&, f = freq.data()](int64_t b, int64_t s, float* t) {
+    const int64_t p = position_ids[(position_rows == 1 ? 0 : b * position_stride) + s];
+    angle_table<T>(float(p), f, padded, t, t + padded);
+    if (every_two) expand_pairs(t, t + padded, 1, half, t + 2 * padded, t + 4 * padded);
+  };
+  if (every_two)
+    for_each_row(query, key, rows, head_dim, 6 * padded, prepare, [&](T* row, const float* t) {
+      rotate_pairs_row(row, t + 2 * padded, t + 4 * padded, 2 * half);
+    });
+  else
+    for_each_row(query, key, rows, head_dim, 2 * padded, prepare,
+                 [&](T* row, const float* t) { rotate_half_row(row, t, t + padded, half); });
+}
+
+template <typename T>
+void rotary_with_cache(T* query, T* key, const T* cos, const T* sin, const RotaryRows& rows,
+                       int64_t rotary_dim, CachePairs pairs) {
+  const int64_t half = rotary_dim / 2, n = 2 * half;
+  if (half == 0) return;
+  if (pairs == CachePairs::half) {
+    // Table: c[half], s[half].
+    for_each_row(
+        query, key, rows, n, n,
+        [&](int64_t, int64_t s, float* t) {
+          load_row(cos + s * rotary_dim, t, half);
+          load_row(sin + s * rotary_dim, t + half, half);
+        },
+        [&](T* row, const float* t) { rotate_half_row(row, t, t + half, half); });
+    return;
+  }
+  // Table: cd[n], sd[n], then the converted cache rows.
+  const bool interleaved = pairs == CachePairs::two_interleaved;
+  const int64_t read = interleaved ? n : half;
+  for_each_row(
+      query, key, rows, n, 2 * n + 2 * read,
+      [&](int64_t, int64_t s, float* t) {
+        float *c = t + 2 * n, *sn = c + read;
+        load_row(cos + s * rotary_dim, c, read);
+        load_row(sin + s * rotary_dim, sn, read);
+        expand_pairs(c, sn, interleaved ? 2 : 1, half, t, t + n);
+      },
+      [&](T* row, const float* t) { rotate_pairs_row(row, t, t + n, n); });
+}
+
+template void rotary_inv_freq<float>(const float*, const int64_t*, int64_t, int64_t, float*, float*,
+                                     const RotaryRows&, int64_t, bool);
+template void rotary_inv_freq<half>(const half*, const int64_t*, int64_t, int64_t, half*, half*,
+                                    const RotaryRows&, int64_t, bool);
+#define VORTA_INSTANTIATE(T)                                                                 \
+  template void rotary_with_cache<T>(T*, T*, const T*, const T*, const RotaryRows&, int64_t, \
+                                     CachePairs);
+VORTA_INSTANTIATE(float)
+VORTA_INSTANTIATE(half)
+VORTA_INSTANTIATE(bf16)
+#undef VORTA_INSTANTIATE
+
+}  // namespace vorta::cpu

@@ -1,0 +1,116 @@
+#include "cpu/transformers.h"
+
+#include <limits>
+#include <vector>
+
+#include "common/numeric.h"
+#include "cpu/exp2.h"
+#include "cpu/parallel.h"
+#include "cpu/vec.h"
+
+namespace vorta::cpu {
+namespace {
+
+constexpr float kLog2e = 1.4426950216293335f;
+constexpr int64_t kAhead = 48;  // gathers in flight per sequence
+
+// The k < 8 elements left at the end of a row, in lanes 0..k-1; `fill` elsewhere.
+template <typename T>
+Vec8 load_tail(const T* p, int64_t k, float fill) {
+  alignas(32) float t[8];
+  for (int64_t i = 0; i < 8; ++i) t[i] = i < k ? to_float(p[i]) : fill;
+  return Vec8::load(t);
+}
+
+template <typename T>
+void store_tail(Vec8 v, T* p, int64_t k) {
+  alignas(32) float t[8];
+  v.store(t);
+  for (int64_t i = 0; i < k; ++i) p[i] = from_float<T>(t[i]);
+}
+
+float horizontal_max(Vec8 v) {
+  float m = v[0];
+  for (int i = 1; i < 8; ++i) m = m > v[i] ? m : v[i];
+  return m;
+}
+
+float horizontal_sum(Vec8 v) {
+  return ((v[0] + v[4]) + (v[2] + v[6])) + ((v[1] + v[5]) + (v[3] + v[7]));
+}
+
+// One row: the exponentials are kept in `e` (float) for the final scaling.
+template <typename T>
+void softmax_row(T* x, int64_t n, float* e) {
+  const int64_t body = n & ~int64_t(7), tail = n - body;
+  const float inf = std::numeric_limits<float>::infinity();
+  Vec8 m0 = Vec8::broadcast(-inf), m1 = m0;
+  int64_t i = 0;
+  for (; i + 16 <= body; i += 16) {
+    m0 = max(m0, Vec8::load(x + i));
+    m1 = max(m1, Vec8::load(x + i + 8));
+  }
+  if (i < body) m0 = max(m0, Vec8::load(x + i));
+  if (tail) m0 = max(m0, load_tail(x + body, tail, -inf));
+  const Vec8 m = Vec8::broadcast(horizontal_max(max(m0, m1)));
+  const Vec8 l2e = Vec8::broadcast(kLog2e);
+
+  Vec8 s = Vec8::zero();
+  for (i = 0; i < body; i += 8) {
+    // The next row streams in while this one is computed.
+    __builtin_prefetch(x + n + i);
+    const Vec8 p = exp2((Vec8::load(x + i) - m) * l2e);
+    p.store(e + i);
+    s = s + p;
+  }
+  if (tail) {
+    alignas(32) float t[8];
+    exp2((load_tail(x + body, tail, 0.0f) - m) * l2e).store(t);
+    for (int64_t k = tail; k < 8; ++k) t[k] = 0.0f;
+    Vec8::load(t).store(e + body);
+    s = s + Vec8::load(t);
+  }
+  const Vec8 r = Vec8::broadcast(1.0f / horizontal_sum(s));
+  for (i = 0; i < body; i += 8) (Vec8::load(e + i) * r).store(x + i);
+  if (tail) store_tail(Vec8::load(e + body) * r, x + body, tail);
+}
+
+}  // namespace
+
+template <typename T>
+void repetition_penalty(T* scores, T* working, const int64_t* ids, int64_t scores_stride,
+                        int64_t working_stride, int64_t ids_stride, float penalty, int64_t seq_len,
+                        int64_t bsz) {
+  parallel_for(0, bsz, grain_for(seq_len * 32), [&](int64_t lo, int64_t hi) {
+    for (int64_t b = lo; b < hi; ++b) {
+      T* row = scores + b * scores_stride;
+      T* w = working + b * working_stride;
+      const int64_t* id = ids + b * ids_stride;
+      for (int64_t j = 0; j < seq_len; ++j) {
+        // Random columns of a long row: ask for later ones early.
+        if (j + kAhead < seq_len) __builtin_prefetch(row + id[j + kAhead]);
+        const float x = to_float(row[id[j]]);
+        w[j] = from_float<T>(x > 0.0f ? x / penalty : x * penalty);
+      }
+      for (int64_t j = 0; j < seq_len; ++j) row[id[j]] = w[j];
+    }
+  });
+}
+
+template <typename T>
+void attn_softmax(T* attn, int64_t rows, int64_t n) {
+  parallel_for(0, rows, grain_for(n * 2 * int64_t(sizeof(T))), [&](int64_t lo, int64_t hi) {
+    std::vector<float> e(size_t(n + 8));
+    for (int64_t r = lo; r < hi; ++r) softmax_row(attn + r * n, n, e.data());
+  });
+}
+
+#define VORTA_INSTANTIATE(T)                                                                   \
+  template void repetition_penalty<T>(T*, T*, const int64_t*, int64_t, int64_t, int64_t, float, \
+                                      int64_t, int64_t);                                       \
+  template void attn_softmax<T>(T*, int64_t, int64_t);
+VORTA_INSTANTIATE(float)
+VORTA_INSTANTIATE(half)
+#undef VORTA_INSTANTIATE
+
+}  // namespace vorta::cpu

@@ -1,0 +1,82 @@
+"""repetition_penalty_logits_process_inplaced and attn_softmax_inplaced against plain-torch references."""
+import pytest
+import torch
+
+import vorta_addons
+from helpers import assert_fatal, canary_view, count_records
+
+DTYPES = [torch.float32, torch.float16]
+PENALTY = torch.tensor(1.3, dtype=torch.float32)  # passed on as its exact float32 value
+
+
+@pytest.fixture(autouse=True)
+def own_rng():
+    """Seeded data that leaves the global generator as other modules expect it."""
+    with torch.random.fork_rng():
+        torch.manual_seed(0)
+        yield
+
+
+@pytest.mark.parametrize("dtype", DTYPES)
+@pytest.mark.parametrize("bsz,vocab,seq_len", [(1, 50, 3), (3, 1000, 77), (5, 32000, 300)])
+def test_penalty_on_strided_rows(dtype, bsz, vocab, seq_len):
+    scores, canary = canary_view((bsz, vocab + 13), dtype, lambda t: t[:, 5:5 + vocab])
+    scores.copy_(torch.randn(bsz, vocab) * 4)
+    scores[:, :4] = 0.0
+    ids = torch.randint(0, vocab, (bsz, 2 * seq_len + 1))[:, 1:1 + seq_len]  # row stride 2 * seq_len + 1
+    ids[:, 0] = ids[:, -1] = 2  # a repeated zero logit
+    expected = scores.clone()
+    for b in range(bsz):  # each distinct id once, from the unpenalised logit
+        cols = torch.unique(ids[b])
+        x = scores[b, cols].float()
+        expected[b, cols] = torch.where(x > 0, x / PENALTY, x * PENALTY).to(dtype)
+    vorta_addons.repetition_penalty_logits_process_inplaced(scores, ids, PENALTY.item())
+    assert torch.equal(scores, expected)
+    canary.check()
+
+
+@pytest.mark.parametrize("dtype", DTYPES)
+@pytest.mark.parametrize("logit,expected", [(2.0, 1.0), (-2.0, -4.0), (0.0, 0.0)])
+def test_repeated_token_is_penalised_once(dtype, logit, expected):
+    scores = torch.zeros(2, 8, dtype=dtype)
+    scores[1, 5] = logit
+    vorta_addons.repetition_penalty_logits_process_inplaced(scores, torch.tensor([[1, 2, 3], [5, 5, 5]]), 2.0)
+    assert scores[1, 5].item() == expected
+
+
+@pytest.mark.parametrize("dtype", DTYPES)
+@pytest.mark.parametrize("shape", [(2, 3, 4, 5), (6, 7, 37), (1, 2, 16, 1024), (3, 2, 1)])
+def test_softmax_matches_reference(dtype, shape):
+    a = (torch.randn(shape) * 5 + 100).to(dtype)  # exp(x) alone would overflow
+    a.view(-1, shape[-1])[::3, ::2] = -10000.0  # masked positions
+    ref, ptr = torch.softmax(a.double(), -1), a.data_ptr()
+    vorta_addons.attn_softmax_inplaced(a)
+    assert a.data_ptr() == ptr and a.dtype == dtype
+    if dtype == torch.float32:
+        torch.testing.assert_close(a.double(), ref, rtol=2e-6, atol=1e-9)
+    else:
+        assert ((a.double() - ref).abs() <= ref.abs().clamp_min(6.1e-5) * 2.0 ** -10).all()
+
+
+def test_dtype_errors_and_one_record_per_call():
+    ids = torch.zeros(2, 3, dtype=torch.long)
+    for call, x, name in [
+            (vorta_addons.attn_softmax_inplaced, torch.randn(2, 3, 8), "attention softmax in fp32 inplaced"),
+            (lambda x: vorta_addons.repetition_penalty_logits_process_inplaced(x, ids, 1.1), torch.randn(2, 8),
+             "repetition penalty logits process")]:
+        for dtype in (torch.bfloat16, torch.float64):
+            with pytest.raises(RuntimeError, match="unsupported dtype, only fp32 and fp16 are supported"):
+                call(x.to(dtype))
+        assert count_records(lambda: call(x), name) == {name: 1}
+
+
+@pytest.mark.parametrize("code,expression", [
+    ("attn_softmax_inplaced(torch.ones(4, 5))", "attn.dim() == 4 || attn.dim() == 3"),
+    ("attn_softmax_inplaced(torch.ones(2, 3, 4, 5).transpose(2, 3))", "attn.is_contiguous()"),
+    ("repetition_penalty_logits_process_inplaced(torch.ones(2, 8), torch.zeros(2, dtype=torch.long), 1.1)",
+     "scores.dim() == 2 && input_ids.dim() == 2"),
+    ("repetition_penalty_logits_process_inplaced(torch.ones(2, 8), torch.zeros(2, 3, dtype=torch.int32), 1.1)",
+     "input_ids.scalar_type() == AT::Long"),
+])
+def test_fatal_checks(code, expression):
+    assert_fatal("vorta_addons." + code, expression, "transformers")
