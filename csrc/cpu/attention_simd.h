@@ -8,6 +8,7 @@
 
 #include "common/kv_codes.h"
 #include "cpu/attention.h"
+#include "cpu/kv_vec.h"
 #include "cpu/vec.h"
 
 #if VORTA_AVX2 && defined(__FMA__)
@@ -156,9 +157,14 @@ template <typename Code>
 struct CodeElem {
   using type = uint8_t;
   static Vec8 load8(const uint8_t* p) {
+#if VORTA_AVX2
+    const __m256i h = decode16<Code>(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)));
+    return {_mm256_cvtph_ps(_mm256_castsi256_si128(h))};
+#else
     half h[8];
     for (int i = 0; i < 8; ++i) h[i].bits = kv::decode<Code>(p[i]);
     return Vec8::load(h);
+#endif
   }
 };
 template <>
