@@ -175,6 +175,18 @@ def test_masks(family, fam, dtype, kind):
     check(out, q, k, v, effective.expand(2, h, lq, lk), 0.125, False, kv_half=fam == LARK)
 
 
+@pytest.mark.parametrize("fam", [OTHER, KESTREL])
+def test_rows_masked_far_below_the_half_range_still_average(family, fam):
+    family(fam)
+    q, k, v = qkv(1, 2, 1, 5, 70, 64, F32)
+    mask = torch.zeros(1, 1, 5, 70)
+    mask[0, 0, 1] = torch.finfo(torch.float32).min
+    mask[0, 0, 3, :40] = -1e9
+    out = vorta_addons.sdp_non_causal(q, k, v, mask, 0.125)
+    assert torch.isfinite(out).all()
+    check(out, q, k, v, mask, 0.125, False, kv_half=fam == KESTREL)
+
+
 def test_causal_with_a_mask_keeps_top_left_alignment():
     q, k, v = qkv(1, 2, 1, 40, 40, 80, F32)
     mask = torch.randn(1, 1, 40, 40)

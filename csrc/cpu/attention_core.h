@@ -20,7 +20,10 @@ namespace vorta::cpu::attn {
 constexpr int kTile = 64;       // keys per tile
 constexpr int kBlockRows = 96;  // query rows per task
 constexpr int kMr = 6;          // query rows per micro-kernel call
-constexpr float kInitMax = -65504.0f;
+// The running maximum starts below every score, so that rows whose scores all
+// lie far below -65504 (fp32 masks of -1e9 or the type's minimum) still get a
+// proper softmax instead of 0 / 0.
+constexpr float kInitMax = -std::numeric_limits<float>::infinity();
 
 template <typename F>
 inline void with_rows(int rows, F&& f) {
@@ -198,6 +201,11 @@ VORTA_TARGET_AVX512 float softmax_row512(float* s, int lim, int computed, const 
     mx = _mm512_max_ps(mx, x);
   }
   const float m_new = std::max(m, reduce_max16(mx));
+  // Nothing visible yet: keep the zero sums (and no -inf - -inf).
+  if (m_new == -std::numeric_limits<float>::infinity()) {
+    for (int j = 0; j < computed; j += 16) _mm512_storeu_ps(s + j, _mm512_setzero_ps());
+    return 1.0f;
+  }
   const float corr = _mm512_cvtss_f32(exp16(_mm512_set1_ps(m - m_new)));
   const __m512 mv = _mm512_set1_ps(m_new);
   __m512 sum = _mm512_setzero_ps();
@@ -423,6 +431,11 @@ class Worker {
       }
       for (; j < computed; ++j) s[j] = neg_inf;
       const float m_new = std::max(m_[r], row_max);
+      if (m_new == neg_inf) {
+        std::fill(s, s + computed, 0.0f);
+        corr_[r] = 1.0f;
+        continue;
+      }
       const float corr = std::exp(m_[r] - m_new);
       const Vec8 mv = Vec8::broadcast(m_new);
       Vec8 sum = Vec8::zero();
