@@ -6,15 +6,15 @@
 
 PYBIND11_MODULE(vorta_addons, m) {
   using namespace vorta;
-  // m.def("sdp", &sdp, "sdp");
-  // m.def("sdp_fp8", &sdp_fp8, "fp8 sdp");
-  // m.def("sdp_causal", &sdp_causal, "sdp causal");
-  // m.def("sdp_fp8_causal", &sdp_fp8_causal, "sdp fp8 causal");
-  // m.def("sdp_non_causal", &sdp_non_causal, "sdp non causal");
-  // m.def("sdp_fp8_non_causal", &sdp_fp8_non_causal, "sdp fp8 non causal");
-  // m.def("siglip_sdp_non_causal", &siglip_sdp_non_causal, "siglip sdp non causal");
-  // m.def("gemma2_sdp", &gemma2_sdp, "gemma2 sdp");
-  // m.def("gemma2_sdp_causal", &gemma2_sdp_causal, "gemma2 sdp causal");
+  m.def("sdp", &sdp, "sdp");
+  m.def("sdp_fp8", &sdp_fp8, "fp8 sdp");
+  m.def("sdp_causal", &sdp_causal, "sdp causal");
+  m.def("sdp_fp8_causal", &sdp_fp8_causal, "sdp fp8 causal");
+  m.def("sdp_non_causal", &sdp_non_causal, "sdp non causal");
+  m.def("sdp_fp8_non_causal", &sdp_fp8_non_causal, "sdp fp8 non causal");
+  m.def("siglip_sdp_non_causal", &siglip_sdp_non_causal, "siglip sdp non causal");
+  m.def("gemma2_sdp", &gemma2_sdp, "gemma2 sdp");
+  m.def("gemma2_sdp_causal", &gemma2_sdp_causal, "gemma2 sdp causal");
   m.def("rms_norm", &rms_norm, "fused rms norm");
   m.def("layer_norm", &layer_norm, "fused layer norm");
   m.def("rotary_half_inplaced", &rotary_half_inplaced, "rotary half inplaced");

@@ -1,0 +1,15 @@
+// Attention core instantiations for float queries: working copies in float
+// (vector path) or in half (matrix-engine path).
+#include "cpu/attention_core.h"
+
+namespace vorta::cpu {
+
+template <typename T, typename KV>
+void attention(const AttentionProblem<T, KV>& p) {
+  attn::run_attention(p);
+}
+
+template void attention<float, float>(const AttentionProblem<float, float>&);
+template void attention<float, half>(const AttentionProblem<float, half>&);
+
+}  // namespace vorta::cpu

@@ -1,0 +1,175 @@
+// Vector helpers of the CPU attention kernels: fused multiply-add, exp and
+// tanh on eight floats, an 8x8 transpose and element loaders that widen every
+// source format (float, half, 8-bit key/value codes) to floats.
+#pragma once
+
+#include <cmath>
+#include <cstdint>
+
+#include "common/kv_codes.h"
+#include "cpu/attention.h"
+#include "cpu/kv_vec.h"
+#include "cpu/vec.h"
+
+#if VORTA_AVX2 && defined(__FMA__)
+#define VORTA_ATTN_SIMD 1
+#endif
+
+namespace vorta::cpu::attn {
+
+// Inner-product accumulation: a * b + c, fused where the hardware has it
+// (accumulation order, not a rounding contract, is what matters there).
+inline Vec8 fmadd(Vec8 a, Vec8 b, Vec8 c) {
+#if VORTA_ATTN_SIMD
+  return {_mm256_fmadd_ps(a.v, b.v, c.v)};
+#else
+  return a * b + c;
+#endif
+}
+
+inline float hsum(Vec8 a) {
+#if VORTA_ATTN_SIMD
+  __m128 s = _mm_add_ps(_mm256_castps256_ps128(a.v), _mm256_extractf128_ps(a.v, 1));
+  s = _mm_add_ps(s, _mm_movehl_ps(s, s));
+  s = _mm_add_ss(s, _mm_movehdup_ps(s));
+  return _mm_cvtss_f32(s);
+#else
+  float r = 0.0f;
+  for (int i = 0; i < 8; ++i) r += a[i];
+  return r;
+#endif
+}
+
+inline float hmax(Vec8 a) {
+#if VORTA_ATTN_SIMD
+  __m128 s = _mm_max_ps(_mm256_castps256_ps128(a.v), _mm256_extractf128_ps(a.v, 1));
+  s = _mm_max_ps(s, _mm_movehl_ps(s, s));
+  s = _mm_max_ss(s, _mm_movehdup_ps(s));
+  return _mm_cvtss_f32(s);
+#else
+  float r = a[0];
+  for (int i = 1; i < 8; ++i) r = a[i] > r ? a[i] : r;
+  return r;
+#endif
+}
+
+// e^x = 2^n * e^r, n = round(x / ln 2), r = x - n ln 2 (in two parts), e^r
+// from a degree-7 polynomial: within a couple of ulp. Arguments below kExpLo
+// (and -inf) give exactly 0; NaN stays NaN.
+constexpr float kExpLo = -87.3f, kExpHi = 88.3f, kLog2e = 1.44269504088896341f;
+constexpr float kLn2Hi = 0.693359375f, kLn2Lo = -2.12194440e-4f;
+constexpr float kExpPoly[6] = {1.9875691500e-4f, 1.3981999507e-3f, 8.3334519073e-3f,
+                               4.1665795894e-2f, 1.6666665459e-1f, 5.0000001201e-1f};
+
+inline Vec8 exp8(Vec8 x) {
+#if VORTA_ATTN_SIMD
+  const __m256 lo = _mm256_set1_ps(kExpLo);
+  const __m256 under = _mm256_cmp_ps(x.v, lo, _CMP_LT_OQ);
+  // Constant first: max/min return their second operand when one is NaN.
+  __m256 xv = _mm256_min_ps(_mm256_set1_ps(kExpHi), _mm256_max_ps(lo, x.v));
+  __m256 fx = _mm256_round_ps(_mm256_mul_ps(xv, _mm256_set1_ps(kLog2e)),
+                              _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC);
+  __m256 r = _mm256_fnmadd_ps(fx, _mm256_set1_ps(kLn2Hi), xv);
+  r = _mm256_fnmadd_ps(fx, _mm256_set1_ps(kLn2Lo), r);
+  __m256 y = _mm256_set1_ps(kExpPoly[0]);
+  for (int i = 1; i < 6; ++i) y = _mm256_fmadd_ps(y, r, _mm256_set1_ps(kExpPoly[i]));
+  y = _mm256_fmadd_ps(y, _mm256_mul_ps(r, r), r);
+  y = _mm256_add_ps(y, _mm256_set1_ps(1.0f));
+  __m256i e = _mm256_slli_epi32(
+      _mm256_add_epi32(_mm256_cvtps_epi32(fx), _mm256_set1_epi32(127)), 23);
+  y = _mm256_mul_ps(y, _mm256_castsi256_ps(e));
+  return {_mm256_andnot_ps(under, y)};
+#else
+  Vec8 r;
+  for (int i = 0; i < 8; ++i) r.v[i] = x.v[i] < kExpLo ? 0.0f : std::exp(x.v[i]);
+  return r;
+#endif
+}
+
+// tanh(x): odd polynomial near zero (no cancellation), 1 - 2 / (e^2|x| + 1) elsewhere.
+inline Vec8 tanh8(Vec8 x) {
+#if VORTA_ATTN_SIMD
+  const __m256 sign = _mm256_set1_ps(-0.0f);
+  __m256 ax = _mm256_andnot_ps(sign, x.v);
+  __m256 z = _mm256_mul_ps(x.v, x.v);
+  __m256 p = _mm256_set1_ps(-5.70498872745e-3f);
+  p = _mm256_fmadd_ps(p, z, _mm256_set1_ps(2.06390887954e-2f));
+  p = _mm256_fmadd_ps(p, z, _mm256_set1_ps(-5.37397155531e-2f));
+  p = _mm256_fmadd_ps(p, z, _mm256_set1_ps(1.33314422036e-1f));
+  p = _mm256_fmadd_ps(p, z, _mm256_set1_ps(-3.33332819422e-1f));
+  __m256 small = _mm256_fmadd_ps(_mm256_mul_ps(p, z), x.v, x.v);
+  __m256 e = exp8({_mm256_add_ps(ax, ax)}).v;
+  __m256 big = _mm256_sub_ps(
+      _mm256_set1_ps(1.0f),
+      _mm256_div_ps(_mm256_set1_ps(2.0f), _mm256_add_ps(e, _mm256_set1_ps(1.0f))));
+  big = _mm256_or_ps(big, _mm256_and_ps(sign, x.v));
+  __m256 is_small = _mm256_cmp_ps(ax, _mm256_set1_ps(0.625f), _CMP_LT_OQ);
+  return {_mm256_blendv_ps(big, small, is_small)};
+#else
+  Vec8 r;
+  for (int i = 0; i < 8; ++i) r.v[i] = std::tanh(x.v[i]);
+  return r;
+#endif
+}
+
+// Rows r[0..8) become columns.
+inline void transpose8(Vec8 r[8]) {
+#if VORTA_ATTN_SIMD
+  __m256 t0 = _mm256_unpacklo_ps(r[0].v, r[1].v), t1 = _mm256_unpackhi_ps(r[0].v, r[1].v);
+  __m256 t2 = _mm256_unpacklo_ps(r[2].v, r[3].v), t3 = _mm256_unpackhi_ps(r[2].v, r[3].v);
+  __m256 t4 = _mm256_unpacklo_ps(r[4].v, r[5].v), t5 = _mm256_unpackhi_ps(r[4].v, r[5].v);
+  __m256 t6 = _mm256_unpacklo_ps(r[6].v, r[7].v), t7 = _mm256_unpackhi_ps(r[6].v, r[7].v);
+  __m256 s0 = _mm256_shuffle_ps(t0, t2, _MM_SHUFFLE(1, 0, 1, 0));
+  __m256 s1 = _mm256_shuffle_ps(t0, t2, _MM_SHUFFLE(3, 2, 3, 2));
+  __m256 s2 = _mm256_shuffle_ps(t1, t3, _MM_SHUFFLE(1, 0, 1, 0));
+  __m256 s3 = _mm256_shuffle_ps(t1, t3, _MM_SHUFFLE(3, 2, 3, 2));
+  __m256 s4 = _mm256_shuffle_ps(t4, t6, _MM_SHUFFLE(1, 0, 1, 0));
+  __m256 s5 = _mm256_shuffle_ps(t4, t6, _MM_SHUFFLE(3, 2, 3, 2));
+  __m256 s6 = _mm256_shuffle_ps(t5, t7, _MM_SHUFFLE(1, 0, 1, 0));
+  __m256 s7 = _mm256_shuffle_ps(t5, t7, _MM_SHUFFLE(3, 2, 3, 2));
+  r[0].v = _mm256_permute2f128_ps(s0, s4, 0x20);
+  r[1].v = _mm256_permute2f128_ps(s1, s5, 0x20);
+  r[2].v = _mm256_permute2f128_ps(s2, s6, 0x20);
+  r[3].v = _mm256_permute2f128_ps(s3, s7, 0x20);
+  r[4].v = _mm256_permute2f128_ps(s0, s4, 0x31);
+  r[5].v = _mm256_permute2f128_ps(s1, s5, 0x31);
+  r[6].v = _mm256_permute2f128_ps(s2, s6, 0x31);
+  r[7].v = _mm256_permute2f128_ps(s3, s7, 0x31);
+#else
+  float m[8][8];
+  for (int i = 0; i < 8; ++i) r[i].store(m[i]);
+  for (int i = 0; i < 8; ++i) {
+    float c[8];
+    for (int j = 0; j < 8; ++j) c[j] = m[j][i];
+    r[i] = Vec8::load(c);
+  }
+#endif
+}
+
+// Eight consecutive source elements as floats. 8-bit codes go through their
+// exact fp16 patterns.
+template <typename Src>
+struct Elem {
+  using type = Src;
+  static Vec8 load8(const Src* p) { return Vec8::load(p); }
+};
+template <typename Code>
+struct CodeElem {
+  using type = uint8_t;
+  static Vec8 load8(const uint8_t* p) {
+#if VORTA_AVX2
+    const __m256i h = decode16<Code>(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)));
+    return {_mm256_cvtph_ps(_mm256_castsi256_si128(h))};
+#else
+    half h[8];
+    for (int i = 0; i < 8; ++i) h[i].bits = kv::decode<Code>(p[i]);
+    return Vec8::load(h);
+#endif
+  }
+};
+template <>
+struct Elem<KeyBytes> : CodeElem<kv::KeyCode> {};
+template <>
+struct Elem<ValueBytes> : CodeElem<kv::ValueCode> {};
+
+}  // namespace vorta::cpu::attn

@@ -1,0 +1,155 @@
+// Shared pieces of the decode operators and the grouped two-pass path.
+#include "ops/sdp/decode.h"
+
+#include <ATen/ops/empty.h>
+
+#include "cpu/sdp_decode.h"
+#include "ops/device.h"
+#include "ops/launch.h"
+
+namespace vorta::decode {
+namespace {
+
+template <typename T, typename C>
+cpu::DecodeInputs<T, C> decode_inputs(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
+                                      const std::optional<at::Tensor>& mask, float scale) {
+  cpu::DecodeInputs<T, C> in{};
+  in.query = const_ptr<T>(query);
+  in.key = const_ptr<C>(key);
+  in.value = const_ptr<C>(value);
+  in.mask = mask ? const_ptr<T>(*mask) : nullptr;
+  for (int d = 0; d < 3; ++d) {
+    in.query_stride[d] = query.stride(d);
+    in.mask_stride[d] = mask ? mask->stride(d) : 0;
+  }
+  for (int d = 0; d < 2; ++d) {
+    in.key_stride[d] = key.stride(d);
+    in.value_stride[d] = value.stride(d);
+  }
+  in.bsz = query.size(0);
+  in.num_heads = query.size(1);
+  in.kv_heads = key.size(1);
+  in.seq_length = query.size(2);
+  in.kv_len = key.size(2);
+  in.head_dim = key.size(3);
+  in.value_head_dim = value.size(3);
+  in.scale = scale;
+  return in;
+}
+
+template <typename T>
+cpu::DecodeOutput<T> decode_output(const at::Tensor& t) {
+  return {mut_ptr<T>(t), {t.stride(0), t.stride(1), t.stride(2)}};
+}
+
+// Pass 1: per 32-key block and query head, the block's statistics and its
+// normalised value row. One work item covers every query head of a key/value
+// head, so shared cache rows are read once.
+template <typename T, typename C>
+void gqa_1_kernel(const cpu::DecodeInputs<T, C>& in, const cpu::DecodeBlocks<T>& blocks,
+                  const c10::Device& device) {
+  submit_kernel(
+      [=](const Stream& s) {
+        if (s.is_cpu()) return cpu::decode_attention_blocks(in, blocks);
+        VORTA_CUDA(cuda::decode_attention_blocks(in, blocks, s.cuda()));
+      },
+      device, "gqa kernel 1/2");
+}
+
+// Pass 2: combines the blocks into the result rows.
+template <typename T>
+void gqa_2_kernel(const cpu::DecodeBlocks<T>& blocks, const cpu::DecodeOutput<T>& out, int64_t bsz,
+                  int64_t num_heads, int64_t head_dim, const c10::Device& device) {
+  submit_kernel(
+      [=](const Stream& s) {
+        if (s.is_cpu()) return cpu::combine_attention_blocks(blocks, out, bsz, num_heads, head_dim);
+        VORTA_CUDA(cuda::combine_attention_blocks(blocks, out, bsz, num_heads, head_dim, s.cuda()));
+      },
+      device, "gqa kernel 2/2");
+}
+
+void check_rows_packed(const at::Tensor& t, const char* what) {
+  TORCH_CHECK(t.stride(3) == 1 && (t.size(2) <= 1 || t.stride(2) == t.size(3)), what,
+              " rows must be packed within each (batch, head) pair: stride(3) == 1 and stride(2) == size(3)");
+}
+
+}  // namespace
+
+bool use_grouped_kernels(int64_t seq_length, int64_t kv_len, int64_t group, const c10::Device& device) {
+  return seq_length == 1 && group >= 3 && kv_len >= 512 &&
+         (kv_len >= 2048 || get_device_family(device) == DeviceFamily::KESTREL);
+}
+
+float fixed_scale(int64_t head_dim) {
+  switch (head_dim) {
+    case 64: return 0.125f;
+    case 80: return 0.111803398f;
+    case 96: return 0.102062076f;
+    case 128: return 0.0883883461f;
+    case 192: return 0.0721687824f;
+    case 256: return 0.0625f;
+    default: TORCH_CHECK(false, kHeadDimMessage);
+  }
+}
+
+void check_decode_layout(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
+                         const std::optional<at::Tensor>& mask, bool fp8) {
+  TORCH_CHECK(key.device() == query.device() && value.device() == query.device() &&
+                  (!mask || mask->device() == query.device()),
+              "key, value and mask must be on the query's device");
+  if (fp8)
+    TORCH_CHECK(key.scalar_type() == at::kByte && value.scalar_type() == at::kByte,
+                "the key and value caches must be uint8 (8-bit codes)");
+  TORCH_CHECK(query.stride(3) == 1, "query rows must be packed: stride(3) == 1");
+  TORCH_CHECK(!mask || mask->size(3) <= 1 || mask->stride(3) == 1, "mask rows must be packed: stride(3) == 1");
+  check_rows_packed(key, "key");
+  check_rows_packed(value, "value");
+}
+
+template <typename T, typename C>
+void launch_single_pass(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
+                        const std::optional<at::Tensor>& mask, const at::Tensor& result, float scale,
+                        const char* name) {
+  const cpu::DecodeInputs<T, C> in = decode_inputs<T, C>(query, key, value, mask, scale);
+  const cpu::DecodeOutput<T> out = decode_output<T>(result);
+  submit_kernel(
+      [=](const Stream& s) {
+        if (s.is_cpu()) return cpu::decode_attention(in, out);
+        VORTA_CUDA(cuda::decode_attention(in, out, s.cuda()));
+      },
+      query.device(), name);
+}
+
+#define VORTA_INSTANTIATE(T, C)                                                                          \
+  template void launch_single_pass<T, C>(const at::Tensor&, const at::Tensor&, const at::Tensor&,            \
+                                         const std::optional<at::Tensor>&, const at::Tensor&, float, const char*);
+VORTA_INSTANTIATE(float, float)
+VORTA_INSTANTIATE(half, half)
+VORTA_INSTANTIATE(float, uint8_t)
+VORTA_INSTANTIATE(half, uint8_t)
+#undef VORTA_INSTANTIATE
+
+void run_grouped(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
+                 const std::optional<at::Tensor>& mask, const at::Tensor& result, bool fp8) {
+  const int64_t bsz = query.size(0), num_heads = query.size(1), kv_len = key.size(2), head_dim = key.size(3);
+  const int64_t nblocks = (kv_len + 31) / 32;
+  at::Tensor stats = at::empty({bsz, num_heads, 1, 2 * nblocks}, query.options().dtype(at::kFloat));
+  at::Tensor block_rows = at::empty({bsz, num_heads, 1, nblocks * head_dim}, query.options());
+  dispatch_head_dim(head_dim, [&](auto) {
+    dispatch_float_half(query.scalar_type(), [&](auto tag) {
+      using T = typename decltype(tag)::type;
+      check_decode_layout(query, key, value, mask, fp8);
+      const cpu::DecodeBlocks<T> blocks{mut_ptr<float>(stats), {stats.stride(0), stats.stride(1)},
+                                        mut_ptr<T>(block_rows), {block_rows.stride(0), block_rows.stride(1)},
+                                        nblocks};
+      const float scale = fixed_scale(head_dim);
+      if (fp8)
+        gqa_1_kernel(decode_inputs<T, uint8_t>(query, key, value, mask, scale), blocks, query.device());
+      else
+        gqa_1_kernel(decode_inputs<T, T>(query, key, value, mask, scale), blocks, query.device());
+      gqa_2_kernel(blocks, decode_output<T>(result), bsz, num_heads, head_dim, query.device());
+    });
+  });
+}
+
+}  // namespace vorta::decode

@@ -1,0 +1,64 @@
+// Soft-capped attention (gemma2): scores are scaled, capped with
+// softcap * tanh(scores / softcap), masked, softmaxed in float32 and applied
+// to the values, reading key and value rows in place in one launch.
+#include <ATen/ATen.h>
+
+#include "common/fatal.h"
+#include "ops/ops.h"
+#include "ops/sdp/api.h"
+#include "ops/sdp/prefill_launch.h"
+
+namespace {
+constexpr char kAssertSource[] = "gemma2";
+}  // namespace
+
+namespace vorta {
+namespace {
+
+at::Tensor soft_capped(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
+                       const OptTensor& attn_mask, float softcap, float scale, bool causal) {
+  const at::Tensor mask = prefill::checked_mask(query, key, value, attn_mask, causal, [&] {
+    if (causal) VORTA_ASSERT(query.size(2) == key.size(2));
+    VORTA_ASSERT(query.scalar_type() == key.scalar_type());
+  });
+  const int64_t D = query.size(3);
+  dispatch_int<256, 192, 128, 96, 80, 64>(
+      D, "unsupported head_dim, only 256, 192, 128, 96, 80 and 64 are supported", [](auto) {});
+  at::Tensor out;
+  dispatch_float_half(query.scalar_type(), [&](auto tag) {
+    using T = typename decltype(tag)::type;
+    TORCH_CHECK(softcap > 0.0f, "softcap must be positive, got ", softcap);
+    prefill::check_layout(query, query, "query");
+    prefill::check_layout(key, query, "key");
+    prefill::check_layout(value, query, "value");
+    prefill::check_layout(mask, query, "mask");
+    out = at::empty({query.size(0), query.size(1), query.size(2), D}, query.options());
+    auto p = prefill::attention_problem<T, T>(query, mask, out, scale, causal);
+    p.key = const_ptr<T>(key);
+    prefill::strides3(key, p.k_stride);
+    p.key_layout = cpu::KeyLayout::kRows;
+    p.value = const_ptr<T>(value);
+    prefill::strides3(value, p.v_stride);
+    p.kv_heads = key.size(1);
+    p.kv_len = key.size(2);
+    p.k_dim = p.v_dim = int(D);
+    p.softcap = softcap;
+    prefill::launch_attention(p, query.device(), causal ? "gemma2 sdp causal" : "gemma2 sdp");
+  });
+  return out;
+}
+
+}  // namespace
+
+at::Tensor gemma2_sdp(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
+                      const OptTensor& mask, float softcap, float scale) {
+  return soft_capped(query, key, value, mask, softcap, scale, false);
+}
+
+at::Tensor gemma2_sdp_causal(const at::Tensor& query, const at::Tensor& key,
+                             const at::Tensor& value, const OptTensor& mask, float softcap,
+                             float scale) {
+  return soft_capped(query, key, value, mask, softcap, scale, true);
+}
+
+}  // namespace vorta

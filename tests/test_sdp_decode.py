@@ -1,0 +1,286 @@
+"""Decode attention (sdp, sdp_fp8) against float64 references in plain torch."""
+import math
+from concurrent.futures import ThreadPoolExecutor
+
+import pytest
+import torch
+
+import vorta_addons
+from helpers import assert_fatal, count_records
+
+KESTREL, FINCH, OTHER = 0, 3, 7
+KERNELS = ("mha kernel", "gqa kernel 1/2", "gqa kernel 2/2", "mha fp8 kernel", "mha unbalanced fp8 kernel")
+MHA = {"mha kernel": 1}
+GQA = {"gqa kernel 1/2": 1, "gqa kernel 2/2": 1}
+
+
+def decode_codes(codes, exponent_bias):
+    """The 8-bit cache codes as numbers: (-1)^s * 2^(e - bias) * (1 + m/8 + 1/16)."""
+    c = codes.to(torch.int64)
+    sign = 1.0 - 2.0 * (c >> 7).double()
+    return sign * torch.pow(2.0, ((c >> 3) & 15).double() - exponent_bias) * (1.0625 + (c & 7).double() / 8)
+
+
+def decode_keys(codes):
+    return decode_codes(codes, 9)
+
+
+def decode_values(codes):
+    return decode_codes(codes, 12)
+
+
+def attention(q, k, v, mask, scale, dtype):
+    """softmax(q k^T * scale + mask) v computed entirely in `dtype`."""
+    group = q.shape[1] // k.shape[1]
+    k = k.to(dtype).repeat_interleave(group, 1)
+    v = v.to(dtype).repeat_interleave(group, 1)
+    s = (q.to(dtype) @ k.transpose(-1, -2)) * scale
+    if mask is not None:
+        s = s + mask.to(dtype)
+    return torch.softmax(s, -1) @ v
+
+
+def assert_accurate(out, q, k, v, mask, scale):
+    """fp32: 1e-5 relative to the float64 result; fp16: at most twice the error of plain fp16 torch."""
+    ref = attention(q, k, v, mask, scale, torch.float64)
+    assert out.shape == ref.shape and out.dtype == q.dtype and out.is_contiguous()
+    err = (out.double() - ref).abs().max().item()
+    if q.dtype == torch.float32:
+        assert err <= 1e-5 * ref.abs().max().item(), err
+    else:
+        plain = (attention(q, k, v, mask, scale, q.dtype).double() - ref).abs().max().item()
+        assert err <= 2 * plain, (err, plain)
+
+
+def make_inputs(dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, strided, seed=0,
+                value_dim=None, fp8=False):
+    g = torch.Generator().manual_seed(seed)
+    value_dim = value_dim or head_dim
+    q = torch.randn(bsz, q_len, heads, head_dim, generator=g).to(dtype).transpose(1, 2)  # strided query
+    room = kv_len + (37 if strided else 0)  # views into a larger preallocated cache
+    if fp8:
+        k = torch.randint(0, 256, (bsz, kv_heads, room, head_dim), generator=g, dtype=torch.uint8)
+        v = torch.randint(0, 256, (bsz, kv_heads, room, value_dim), generator=g, dtype=torch.uint8)
+    else:
+        k = torch.randn(bsz, kv_heads, room, head_dim, generator=g).to(dtype)
+        v = torch.randn(bsz, kv_heads, room, value_dim, generator=g).to(dtype)
+    k, v = k[:, :, :kv_len], v[:, :, :kv_len]
+    m = None
+    if mask is not None:
+        shape = {"head": (bsz, heads, q_len, kv_len), "bcast": (1, 1, q_len, kv_len)}[mask]
+        m = torch.where(torch.rand(shape, generator=g) < 0.2, -10000.0, torch.randn(shape, generator=g))
+        m[..., 0] = 0.0  # every row keeps a key
+        m = m.to(dtype)
+    return q, k, v, m
+
+
+# dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, strided, family, kernels
+SDP_CASES = [
+    (torch.float32, 1, 8, 8, 1, 1, 64, None, False, OTHER, MHA),
+    (torch.float16, 2, 6, 2, 1, 31, 80, "head", True, OTHER, MHA),
+    (torch.float16, 1, 4, 1, 2, 32, 96, "bcast", False, OTHER, MHA),
+    (torch.float32, 2, 8, 1, 1, 33, 128, "head", True, OTHER, MHA),
+    (torch.float16, 1, 4, 4, 3, 127, 192, None, True, OTHER, MHA),
+    (torch.float32, 1, 2, 2, 1, 128, 256, "bcast", False, OTHER, MHA),
+    (torch.float16, 3, 4, 4, 1, 129, 128, "head", False, OTHER, MHA),
+    (torch.float32, 1, 8, 1, 9, 100, 64, "head", True, OTHER, MHA),  # 72 rows per key/value head
+    (torch.float32, 1, 8, 2, 4, 1000, 192, "head", True, KESTREL, MHA),
+    (torch.float16, 1, 4, 4, 1, 2053, 256, "bcast", True, OTHER, MHA),
+    (torch.float16, 1, 12, 4, 1, 1000, 128, "head", True, KESTREL, GQA),
+    (torch.float32, 1, 12, 4, 1, 1000, 64, "bcast", False, KESTREL, GQA),
+    (torch.float16, 2, 16, 2, 1, 2053, 80, None, True, FINCH, GQA),
+    (torch.float32, 1, 3, 1, 1, 2048, 96, "head", False, OTHER, GQA),
+    (torch.float16, 1, 12, 4, 1, 600, 192, None, False, KESTREL, GQA),
+]
+
+
+@pytest.mark.parametrize("dtype,bsz,heads,kv_heads,q_len,kv_len,head_dim,mask,strided,fam,kernels", SDP_CASES)
+def test_sdp(dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, strided, fam, kernels, family):
+    family(fam)
+    q, k, v, m = make_inputs(dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, strided)
+    before = [t.clone() for t in (q, k, v)]
+    out = []
+    assert count_records(lambda: out.append(vorta_addons.sdp(q, k, v, m, 7.0)), *KERNELS) == \
+        {n: kernels.get(n, 0) for n in KERNELS}
+    assert_accurate(out[0], q, k, v, m, 1 / math.sqrt(head_dim))
+    assert all(torch.equal(a, b) for a, b in zip(before, (q, k, v)))
+
+
+# Single pass with the caller's scale; grouped with 1/sqrt(head_dim).
+FP8_CASES = [
+    (torch.float16, 1, 8, 8, 1, 1, 64, None, False, OTHER, {"mha fp8 kernel": 1}),
+    (torch.float32, 2, 6, 2, 2, 33, 80, "head", True, OTHER, {"mha fp8 kernel": 1}),
+    (torch.float16, 1, 8, 1, 1, 129, 96, "bcast", True, OTHER, {"mha fp8 kernel": 1}),
+    (torch.float32, 1, 4, 4, 1, 1000, 256, "head", False, KESTREL, {"mha fp8 kernel": 1}),
+    (torch.float16, 1, 12, 4, 1, 1000, 128, "head", True, KESTREL, GQA),
+    (torch.float32, 2, 16, 2, 1, 2053, 192, None, False, OTHER, GQA),
+]
+
+
+def fp8_case(dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, strided, value_dim=None):
+    q, k, v, m = make_inputs(dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, strided,
+                             value_dim=value_dim, fp8=True)
+    return q, k, v, m, decode_keys(k).to(dtype), decode_values(v).to(dtype)
+
+
+@pytest.mark.parametrize("dtype,bsz,heads,kv_heads,q_len,kv_len,head_dim,mask,strided,fam,kernels", FP8_CASES)
+def test_sdp_fp8(dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, strided, fam, kernels, family):
+    family(fam)
+    q, k, v, m, kd, vd = fp8_case(dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, strided)
+    out = []
+    assert count_records(lambda: out.append(vorta_addons.sdp_fp8(q, k, v, m, 0.07)), *KERNELS) == \
+        {n: kernels.get(n, 0) for n in KERNELS}
+    assert_accurate(out[0], q, kd, vd, m, 1 / math.sqrt(head_dim) if kernels is GQA else 0.07)
+
+
+def test_every_code_decodes_exactly():
+    # Key row j and value row j hold code j (and j ^ 0x5a) in every column; row 256 is a reference key.
+    k = torch.cat([torch.arange(256), torch.tensor([0x38])]).to(torch.uint8).view(1, 1, 257, 1)
+    k = k.expand(1, 1, 257, 64).contiguous()
+    v = k.bitwise_xor(0x5A)
+    q = torch.full((1, 1, 256, 64), 1 / 64)  # q . k_j is exactly the value of key code j
+    pick = torch.full((1, 1, 256, 257), -10000.0)
+    pick[0, 0, torch.arange(256), torch.arange(256)] = 0.0
+    # Token j sees key j alone: its result is value row j, exactly.
+    alone = vorta_addons.sdp_fp8(q, k, v, pick, 0.1)
+    assert torch.equal(alone[0, 0], decode_values(v[0, 0, :256]).float())
+    # Beside the reference key, the two weights depend on key code j.
+    pick[..., 256] = 0.0
+    pair = vorta_addons.sdp_fp8(q, k, v, pick, 0.1)
+    assert_accurate(pair, q, decode_keys(k).float(), decode_values(v).float(), pick, 0.1)
+
+
+def test_unbalanced_fp8_takes_the_single_pass_even_when_grouping_applies(family):
+    family(KESTREL)
+    q, k, v, m, kd, vd = fp8_case(torch.float16, 1, 8, 2, 1, 2048, 192, "head", True, value_dim=128)
+    out = []
+    assert count_records(lambda: out.append(vorta_addons.sdp_fp8(q, k, v, m, 0.05)), *KERNELS) == \
+        {n: int(n == "mha unbalanced fp8 kernel") for n in KERNELS}
+    assert out[0].shape == (1, 8, 1, 128)
+    assert_accurate(out[0], q, kd, vd, m, 0.05)
+
+
+@pytest.mark.parametrize("q_len,group,kv_len,fam,grouped", [
+    (1, 4, 1024, KESTREL, True), (1, 4, 1024, FINCH, False), (1, 4, 2048, FINCH, True),
+    (1, 4, 2048, KESTREL, True), (1, 2, 4096, KESTREL, False), (1, 3, 512, KESTREL, True),
+    (1, 3, 511, KESTREL, False), (1, 8, 2047, OTHER, False), (2, 4, 4096, KESTREL, False),
+])
+def test_kernel_choice(q_len, group, kv_len, fam, grouped, family):
+    family(fam)
+    q = torch.randn(1, group, q_len, 64)
+    k, v = torch.randn(1, 1, kv_len, 64), torch.randn(1, 1, kv_len, 64)
+    k8, v8 = torch.randint(0, 256, k.shape, dtype=torch.uint8), torch.randint(0, 256, v.shape, dtype=torch.uint8)
+    assert count_records(lambda: vorta_addons.sdp(q, k, v, None, 1.0), *KERNELS) == \
+        {n: (GQA if grouped else MHA).get(n, 0) for n in KERNELS}
+    fp8 = GQA if grouped else {"mha fp8 kernel": 1}
+    assert count_records(lambda: vorta_addons.sdp_fp8(q, k8, v8, None, 1.0), *KERNELS) == \
+        {n: fp8.get(n, 0) for n in KERNELS}
+
+
+def test_grouped_fp8_drops_the_callers_scale():
+    q, k, v, _, kd, vd = fp8_case(torch.float32, 1, 4, 1, 1, 4096, 64, None, False)
+    assert_accurate(vorta_addons.sdp_fp8(q, k, v, None, 1.0), q, kd, vd, None, 0.125)
+    q2 = torch.cat([q, q], 2)
+    assert_accurate(vorta_addons.sdp_fp8(q2, k, v, None, 1.0), q2, kd, vd, None, 1.0)
+
+
+def test_sdp_ignores_the_scale_argument():
+    q, k, v, m = make_inputs(torch.float32, 1, 4, 2, 1, 70, 96, "head", False)
+    assert torch.equal(vorta_addons.sdp(q, k, v, m, 1.0), vorta_addons.sdp(q, k, v, m, 0.01))
+
+
+@pytest.mark.parametrize("kv_len", [700, 4096])
+def test_results_do_not_depend_on_thread_count(kv_len):
+    q, k, v, m = make_inputs(torch.float16, 1, 8, 2, 1, kv_len, 128, "head", False)
+    saved = torch.get_num_threads()
+    try:
+        torch.set_num_threads(1)
+        one = vorta_addons.sdp(q, k, v, m, 0.0)
+        torch.set_num_threads(2)
+        two = vorta_addons.sdp(q, k, v, m, 0.0)
+    finally:
+        torch.set_num_threads(saved)
+    assert torch.equal(one, two)
+
+
+HEAD_DIM_MSG = "unsupported head_dim, only 256, 192, 128, 96, 80 and 64 are supported"
+DTYPE_MSG = "unsupported dtype, only fp32 and fp16 are supported"
+
+
+@pytest.mark.parametrize("fam", [OTHER, KESTREL])
+@pytest.mark.parametrize("dtype,head_dim,msg", [
+    (torch.float32, 112, HEAD_DIM_MSG), (torch.bfloat16, 64, DTYPE_MSG),
+    (torch.bfloat16, 112, HEAD_DIM_MSG), (torch.float64, 128, DTYPE_MSG),
+])
+def test_argument_errors(dtype, head_dim, msg, fam, family):
+    family(fam)  # KESTREL takes the grouped path here
+    q = torch.ones(1, 4, 1, head_dim, dtype=dtype)
+    k = torch.ones(1, 1, 600, head_dim, dtype=dtype)
+    with pytest.raises(RuntimeError, match=msg):
+        vorta_addons.sdp(q, k, k, None, 1.0)
+    k8 = torch.ones(1, 1, 600, head_dim, dtype=torch.uint8)
+    with pytest.raises(RuntimeError, match=msg):
+        vorta_addons.sdp_fp8(q, k8, k8, None, 1.0)
+
+
+@pytest.mark.parametrize("key_dim,value_dim,msg", [
+    (128, 64, "unsupported head_dim, only 192 is supported"),
+    (192, 64, "unsupported value head_dim, only 128 is supported"),
+])
+def test_unbalanced_fp8_errors(key_dim, value_dim, msg):
+    q = torch.ones(1, 2, 1, key_dim)
+    k = torch.ones(1, 2, 8, key_dim, dtype=torch.uint8)
+    v = torch.ones(1, 2, 8, value_dim, dtype=torch.uint8)
+    with pytest.raises(RuntimeError, match=msg):
+        vorta_addons.sdp_fp8(q, k, v, None, 1.0)
+
+
+def test_layouts_the_kernels_cannot_read_are_refused():
+    q = torch.ones(1, 2, 1, 64)
+    k = torch.ones(1, 2, 8, 128)[..., ::2]
+    with pytest.raises(RuntimeError, match="key rows must be packed"):
+        vorta_addons.sdp(q, k, k.contiguous(), None, 1.0)
+    with pytest.raises(RuntimeError, match="must be uint8"):
+        vorta_addons.sdp_fp8(q, k.contiguous(), k.contiguous(), None, 1.0)
+    with pytest.raises(RuntimeError):  # 3 mask heads do not broadcast to 2
+        vorta_addons.sdp(q, k.contiguous(), k.contiguous(), torch.zeros(1, 3, 1, 8), 1.0)
+
+
+_SDP = "q, k, v, m = torch.ones(1, 4, 1, 64), torch.ones(1, 2, 8, 64), torch.ones(1, 2, 8, 64), None\n"
+_FP8 = _SDP.replace("torch.ones(1, 2, 8, 64)", "torch.ones(1, 2, 8, 64, dtype=torch.uint8)")
+FATAL = [
+    ("sdp/sdp", _SDP + "q = torch.ones(2, 4, 1, 64)", "query.size(0) == key.size(0) && key.size(0) == value.size(0)"),
+    ("sdp/sdp", _SDP + "q = torch.ones(1, 3, 1, 64)", "query.size(1) % key.size(1) == 0 && key.size(1) == value.size(1)"),
+    ("sdp/sdp", _SDP + "v = torch.ones(1, 2, 9, 64)", "key.size(2) == value.size(2)"),
+    ("sdp/sdp", _SDP + "v = torch.ones(1, 2, 8, 80)", "query.size(3) == key.size(3) && key.size(3) == value.size(3)"),
+    ("sdp/sdp", _SDP + "k = k.half()",
+     "query.scalar_type() == key.scalar_type() && query.scalar_type() == value.scalar_type()"),
+    ("sdp/sdp", _SDP + "m = torch.zeros(1, 4, 2, 8)", "mask->size(2) == seq_length"),
+    ("sdp/sdp", _SDP + "m = torch.zeros(1, 1, 1, 9)", "mask->size(3) == context_length"),
+    ("sdp/sdp", _SDP + "m = torch.zeros(1, 1, 1, 8).half()", "query.scalar_type() == mask->scalar_type()"),
+    ("sdp/sdp_fp8", _FP8 + "q = torch.ones(3, 4, 1, 64)", "query.size(0) == key.size(0) && key.size(0) == value.size(0)"),
+    ("sdp/sdp_fp8", _FP8 + "k = k[:, :1]", "query.size(1) % key.size(1) == 0 && key.size(1) == value.size(1)"),
+    ("sdp/sdp_fp8", _FP8 + "v = v[:, :, :7]", "key.size(2) == value.size(2)"),
+    ("sdp/sdp_fp8", _FP8 + "q = torch.ones(1, 4, 1, 80)", "query.size(3) == key.size(3)"),
+    ("sdp/sdp_fp8", _FP8 + "m = torch.zeros(1, 4, 3, 8)", "mask->size(2) == seq_length"),
+    ("sdp/sdp_fp8", _FP8 + "m = torch.zeros(1, 4, 1, 7)", "mask->size(3) == context_length"),
+    ("sdp/sdp_fp8", _FP8 + "m = torch.zeros(1, 4, 1, 8).half()", "query.scalar_type() == mask->scalar_type()"),
+]
+_fatal_runs = {}
+
+
+def _fatal_run(index):
+    """Starts every child interpreter at the first request: they run side by side."""
+    if not _fatal_runs:
+        pool = ThreadPoolExecutor(max_workers=4)
+        for i, (source, setup, expression) in enumerate(FATAL):
+            op = "sdp" if source == "sdp/sdp" else "sdp_fp8"
+            _fatal_runs[i] = pool.submit(assert_fatal, f"{setup}\nvorta_addons.{op}(q, k, v, m, 1.0)",
+                                         expression, source)
+        pool.shutdown(wait=False)
+    return _fatal_runs[index]
+
+
+@pytest.mark.parametrize("index", range(len(FATAL)), ids=[e for _, _, e in FATAL])
+def test_fatal_checks(index):
+    _fatal_run(index).result()

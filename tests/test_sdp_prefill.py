@@ -1,0 +1,230 @@
+"""Prefill attention (vector and matrix-engine paths, siglip, gemma2) against float64 references."""
+import math
+
+import pytest
+import torch
+
+import vorta_addons
+from helpers import count_records
+
+KESTREL, FINCH, OSPREY, LARK, WREN, OTHER = 0, 3, 4, 5, 2, 7
+F32, F16 = torch.float32, torch.float16
+VEC = ("transpose key cache", "transpose fp8 key cache", "dequantize fp8 value cache",
+       "sdp vec kernel")
+SYSA = ("reshape key cache", "reshape value cache", "reshape fp8 key cache",
+        "reshape fp8 value cache", "sdp sysa kernel")
+
+
+def attention(q, k, v, mask, scale, causal, softcap=None):
+    """softmax(scale * q.k^T (capped) + mask) v with GQA, in the inputs' dtype (mask: L columns)."""
+    group = q.shape[1] // k.shape[1]
+    k, v = k.repeat_interleave(group, 1), v.repeat_interleave(group, 1)
+    s = scale * (q @ k.transpose(-1, -2))
+    if softcap:
+        s = softcap * torch.tanh(s / softcap)
+    if mask is not None:
+        s = s + mask.to(s.dtype)
+    if causal:
+        lq, lk = s.shape[-2:]
+        s = s.masked_fill(torch.ones(lq, lk, dtype=torch.bool).triu(1), float("-inf"))
+    return torch.softmax(s, -1) @ v
+
+
+def check(out, q, k, v, mask, scale, causal, softcap=None, kv_half=False):
+    """Error vs float64 at most twice plain torch's in the input dtype (fp32: also within 1e-5)."""
+    if kv_half:  # the matrix-engine path works on half-precision copies of K and V
+        k, v = k.half(), v.half()
+    ref = attention(q.double(), k.double(), v.double(), mask, scale, causal, softcap)
+    dt = q.dtype
+    same = attention(q, k.to(dt), v.to(dt), None if mask is None else mask.to(dt), scale, causal,
+                     softcap)
+    err = (out.double() - ref).abs().max().item()
+    torch_err = (same.double() - ref).abs().max().item()
+    bound = 1e-5 * max(1.0, ref.abs().max().item()) if dt == F32 else 2 * torch_err
+    assert err <= max(bound, 2 * torch_err), (err, torch_err)
+    assert out.dtype == dt and out.shape == ref.shape
+
+
+def qkv(b, hq, hk, lq, lk, d, dtype, seed=0):
+    g = torch.Generator().manual_seed(seed)
+    return [torch.randn(b, h, n, d, generator=g).to(dtype) for h, n in ((hq, lq), (hk, lk), (hk, lk))]
+
+
+def decode_bytes(b, offset):
+    """The 8-bit cache codes' fp16 patterns: ((b&0x80)<<8) | (((b&0x7f)+OFF)<<7) | 0x40."""
+    b = b.to(torch.int32)
+    bits = ((b & 0x80) << 8) | (((b & 0x7F) + offset) << 7) | 0x40
+    return bits.to(torch.int16).view(torch.float16)
+
+
+def fp8_cache(b, h, n, d, seed=0):
+    """8-bit key and value caches (written by quantize_key_value when the module has it), with
+    the fp16 values their codes decode to."""
+    g = torch.Generator().manual_seed(seed)
+    if hasattr(vorta_addons, "quantize_key_value"):
+        k, v = torch.randn(2, b, h, n, d, generator=g)
+        kb, vb = (torch.empty(b, h, n, d, dtype=torch.uint8) for _ in range(2))
+        vorta_addons.quantize_key_value(k, v, kb, vb)
+    else:  # moderate codes: keys 2^-4 .. 2, values 2^-3 .. 8
+        sign = torch.randint(0, 2, (2, b, h, n, d), generator=g, dtype=torch.uint8) << 7
+        mag = torch.randint(0x28, 0x50, (2, b, h, n, d), generator=g, dtype=torch.uint8)
+        kb, vb = sign[0] | mag[0], sign[1] | (mag[1] + 0x10)
+    return kb, vb, decode_bytes(kb, 0x30), decode_bytes(vb, 0x18)
+
+
+# (head_dim, kv_len, group) combinations covering awkward lengths and GQA groups.
+VEC_SHAPES = [(64, 1, 1), (80, 31, 3), (96, 32, 4), (128, 33, 8), (192, 127, 1), (256, 129, 4),
+              (128, 1000, 3), (64, 128, 8)]
+
+
+@pytest.mark.parametrize("d,lk,group", VEC_SHAPES)
+@pytest.mark.parametrize("dtype", [F32, F16])
+@pytest.mark.parametrize("causal", [False, True])
+def test_vector_path(d, lk, group, dtype, causal):
+    lq = lk if causal else (lk % 7) + 5
+    q, k, v = qkv(2 if lk < 500 else 1, 2 * group, 2, lq, lk, d, dtype, seed=d + lk)
+    op = vorta_addons.sdp_causal if causal else vorta_addons.sdp_non_causal
+    counts = count_records(lambda: check(op(q, k, v, None, 1 / math.sqrt(d)), q, k, v, None,
+                                         1 / math.sqrt(d), causal), *VEC, *SYSA)
+    assert counts == {n: int(n in ("transpose key cache", "sdp vec kernel")) for n in VEC + SYSA}
+
+
+def padded_base(out):
+    """The whole result buffer behind a returned view."""
+    return torch.as_strided(out, out.shape[:2] + (out.untyped_storage().nbytes() //
+                            out.element_size() // (out.shape[0] * out.shape[1] * out.shape[3]),
+                            out.shape[3]), out.stride())
+
+
+@pytest.mark.parametrize("lq", [1, 257])
+def test_vector_result_is_a_view_of_a_zeroed_256_row_buffer(lq):
+    q, k, v = qkv(1, 2, 1, lq, lq, 128, F32)
+    out = vorta_addons.sdp_causal(q, k, v, None, 0.1)
+    rows = (lq + 255) // 256 * 256
+    assert out.shape == (1, 2, lq, 128) and out.stride() == (2 * rows * 128, rows * 128, 128, 1)
+    base = padded_base(out)
+    assert base.shape[2] == rows and not base[:, :, lq:].any()
+    check(out, q, k, v, None, 0.1, True)
+
+
+@pytest.mark.parametrize("fam", [KESTREL, FINCH, OSPREY, LARK])
+@pytest.mark.parametrize("d,lk,dtype,causal", [(64, 33, F32, True), (80, 129, F16, False),
+                                               (128, 127, F32, False), (128, 200, F16, True)])
+def test_matrix_engine_path(family, fam, d, lk, dtype, causal):
+    family(fam)
+    lq = lk if causal else 9
+    q, k, v = qkv(1, 4, 1, lq, lk, d, dtype, seed=fam)
+    op = vorta_addons.sdp_causal if causal else vorta_addons.sdp_non_causal
+    out = []
+    counts = count_records(lambda: out.append(op(q, k, v, None, 0.125)), *VEC, *SYSA)
+    assert counts == {n: int(n in ("reshape key cache", "reshape value cache", "sdp sysa kernel"))
+                      for n in VEC + SYSA}
+    assert out[0].is_contiguous()
+    check(out[0], q, k, v, None, 0.125, causal, kv_half=True)
+
+
+@pytest.mark.parametrize("fam,d", [(KESTREL, 96), (WREN, 128), (OTHER, 64), (LARK, 256)])
+def test_families_and_head_sizes_without_the_engine_take_the_vector_path(family, fam, d):
+    family(fam)
+    q, k, v = qkv(1, 2, 2, 5, 5, d, F32)
+    counts = count_records(lambda: vorta_addons.sdp_non_causal(q, k, v, None, 0.2),
+                           "sdp vec kernel", "sdp sysa kernel")
+    assert counts == {"sdp vec kernel": 1, "sdp sysa kernel": 0}
+
+
+@pytest.mark.parametrize("fam", [OTHER, KESTREL])
+@pytest.mark.parametrize("dtype", [F32, F16])
+@pytest.mark.parametrize("causal,lq,lk", [(True, 33, 33), (False, 4, 129)])
+def test_fp8_caches(family, fam, dtype, causal, lq, lk):
+    family(fam)
+    kb, vb, kf, vf = fp8_cache(1, 2, lk, 64, seed=lk)
+    q = torch.randn(1, 6, lq, 64).to(dtype)
+    op = vorta_addons.sdp_fp8_causal if causal else vorta_addons.sdp_fp8_non_causal
+    out = []
+    counts = count_records(lambda: out.append(op(q, kb, vb, None, 0.125)), *VEC, *SYSA)
+    ran = (("transpose fp8 key cache", "dequantize fp8 value cache", "sdp vec kernel")
+           if fam == OTHER else ("reshape fp8 key cache", "reshape fp8 value cache", "sdp sysa kernel"))
+    assert counts == {n: int(n in ran) for n in VEC + SYSA}
+    check(out[0], q, kf, vf, None, 0.125, causal)
+
+
+def test_fp8_value_code_zero_is_small_not_zero():
+    kb = torch.full((1, 1, 3, 64), 0x48, dtype=torch.uint8)  # key 1.0 everywhere
+    vb = torch.zeros(1, 1, 3, 64, dtype=torch.uint8)
+    out = vorta_addons.sdp_fp8_non_causal(torch.ones(1, 1, 2, 64), kb, vb, None, 0.1)
+    assert torch.all(out == 0.0002593994140625)
+
+
+@pytest.mark.parametrize("dtype", [F32, F16])
+@pytest.mark.parametrize("kind", ["per-head", "broadcast", "padded-per-head", "padded-odd-tail"])
+@pytest.mark.parametrize("fam", [OTHER, LARK])
+def test_masks(family, fam, dtype, kind):
+    family(fam)
+    lq, lk, h = 6, 100, 4
+    q, k, v = qkv(2, h, 2, lq, lk, 64, dtype, seed=3)
+    g = torch.Generator().manual_seed(5)
+    heads = 1 if kind == "broadcast" else h
+    width = 128 if kind.startswith("padded") else lk
+    mask = (torch.randn(2, heads, lq, width, generator=g) * 3).to(dtype)
+    mask[..., :lk][torch.rand(2, heads, lq, lk, generator=g) < 0.3] = -10000.0
+    if kind == "padded-odd-tail":
+        mask[..., lk:] = 7.0  # columns past kv_len are never read
+    out = vorta_addons.sdp_non_causal(q, k, v, mask, 0.125)
+    # A mask of width kv_len is padded keeping head 0 only; a padded one is used as it is.
+    effective = mask[:, :1, :, :lk] if width == lk else mask[..., :lk]
+    check(out, q, k, v, effective.expand(2, h, lq, lk), 0.125, False, kv_half=fam == LARK)
+
+
+@pytest.mark.parametrize("fam", [OTHER, KESTREL])
+def test_rows_masked_far_below_the_half_range_still_average(family, fam):
+    family(fam)
+    q, k, v = qkv(1, 2, 1, 5, 70, 64, F32)
+    mask = torch.zeros(1, 1, 5, 70)
+    mask[0, 0, 1] = torch.finfo(torch.float32).min
+    mask[0, 0, 3, :40] = -1e9
+    out = vorta_addons.sdp_non_causal(q, k, v, mask, 0.125)
+    assert torch.isfinite(out).all()
+    check(out, q, k, v, mask, 0.125, False, kv_half=fam == KESTREL)
+
+
+def test_causal_with_a_mask_keeps_top_left_alignment():
+    q, k, v = qkv(1, 2, 1, 40, 40, 80, F32)
+    mask = torch.randn(1, 1, 40, 40)
+    out = vorta_addons.sdp_causal(q, k, v, mask, 0.3)
+    check(out, q, k, v, mask, 0.3, True)
+
+
+@pytest.mark.parametrize("fam", [KESTREL, LARK])
+@pytest.mark.parametrize("dtype", [F32, F16])
+def test_siglip(family, fam, dtype):
+    family(fam)
+    q, k, v = qkv(2, 3, 3, 50, 70, 72, dtype, seed=7)
+    mask = torch.randn(2, 1, 50, 70).to(dtype)
+    out = []
+    counts = count_records(lambda: out.append(vorta_addons.siglip_sdp_non_causal(q, k, v, mask)),
+                           "reshape key cache", "reshape value cache", "sdp sysa kernel")
+    assert counts == {"reshape key cache": 1, "reshape value cache": 1, "sdp sysa kernel": 1}
+    assert out[0].shape == (2, 3, 50, 72) and out[0].stride() == (3 * 256 * 80, 256 * 80, 80, 1)
+    check(out[0], q, k, v, mask, 1 / math.sqrt(72), False, kv_half=True)
+
+
+@pytest.mark.parametrize("causal", [False, True])
+@pytest.mark.parametrize("dtype", [F32, F16])
+@pytest.mark.parametrize("d,lk,group", [(128, 70, 2), (256, 33, 1), (80, 129, 3)])
+def test_gemma2_soft_capping(causal, dtype, d, lk, group):
+    q, k, v = qkv(2, 2 * group, 2, lk if causal else 11, lk, d, dtype, seed=d)
+    mask = (torch.randn(2, 1, q.shape[2], lk) * 2).to(dtype)
+    op = vorta_addons.gemma2_sdp_causal if causal else vorta_addons.gemma2_sdp
+    name = "gemma2 sdp causal" if causal else "gemma2 sdp"
+    out = []
+    assert count_records(lambda: out.append(op(q, k, v, mask, 5.0, 0.4)), name) == {name: 1}
+    assert out[0].is_contiguous()
+    check(out[0], q, k, v, mask, 0.4, causal, softcap=5.0)
+
+
+def test_strided_inputs_are_read_in_place():
+    base = torch.randn(1, 40, 4, 3, 64)  # [b, seq, heads, qkv, d], as a fused projection lays it out
+    q, k, v = (base[:, :, :, i].transpose(1, 2) for i in range(3))
+    out = vorta_addons.sdp_causal(q, k, v, None, 0.125)
+    check(out, q, k, v, None, 0.125, True)
+    check(vorta_addons.gemma2_sdp(q, k, v, None, 30.0, 0.125), q, k, v, None, 0.125, False, 30.0)
