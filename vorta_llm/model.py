@@ -68,8 +68,8 @@ class VortaLlama:
                 "wqkv": conv(torch.cat([weights[p + "wq"], weights[p + "wk"], weights[p + "wv"]])),
                 "wo": conv(weights[p + "wo"]),
                 "ffn_norm": conv(weights[p + "ffn_norm"]),
-                # [2, hidden, inter]: one batched product yields gate and up as two dense blocks.
-                "wgu_t": conv(torch.stack([weights[p + "w_gate"].T, weights[p + "w_up"].T])),
+                "w_gate": conv(weights[p + "w_gate"]),
+                "w_up": conv(weights[p + "w_up"]),
                 "w_down": conv(weights[p + "w_down"]),
             })
         self.moe = {i: m.to(dtype=dtype, device=self.device) for i, m in (moe or {}).items()}
@@ -130,8 +130,9 @@ class VortaLlama:
         if i in self.moe:
             return moe_mlp(self.ops, self.moe[i], h)
         lw = self.layers[i]
-        gu = torch.matmul(h, lw["wgu_t"])            # [2, tokens, inter]
-        gate, up = gu[0], gu[1]
+        # Two products rather than one over stacked weights: the activation needs gate and up
+        # dense, and a batched product over a broadcast row is far slower on the CPU.
+        gate, up = F.linear(h, lw["w_gate"]), F.linear(h, lw["w_up"])
         self.ops.mlp_silu_mul_inplaced(gate, up)
         return F.linear(gate, lw["w_down"])
 
