@@ -27,6 +27,14 @@ def device(request):
     return request.param
 
 
+@pytest.fixture(autouse=True)
+def seeded_rng():
+    """Every test draws from a seeded generator and leaves the global one as it was."""
+    with torch.random.fork_rng():
+        torch.manual_seed(0)
+        yield
+
+
 @pytest.fixture
 def family():
     """Forces the device family seen by the operators for one test."""

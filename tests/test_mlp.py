@@ -8,14 +8,6 @@ from helpers import assert_fatal, count_records
 C = torch.tensor(-1.4426950216293335, dtype=torch.float32)  # bits 0xBFB8AA3B
 
 
-@pytest.fixture(autouse=True)
-def own_rng():
-    """Seeded data that leaves the global generator as other modules expect it."""
-    with torch.random.fork_rng():
-        torch.manual_seed(0)
-        yield
-
-
 @pytest.mark.parametrize("dtype", [torch.float32, torch.float16])
 @pytest.mark.parametrize("shape", [(128,), (3, 7, 256), (1024, 1152)])
 def test_matches_reference(dtype, shape):

@@ -9,14 +9,6 @@ import vorta_addons
 from helpers import assert_fatal, count_records
 
 
-@pytest.fixture(autouse=True)
-def own_rng():
-    """Seeded data that leaves the global generator as other modules expect it."""
-    with torch.random.fork_rng():
-        torch.manual_seed(0)
-        yield
-
-
 @pytest.mark.parametrize("dtype", [torch.float32, torch.float16])
 @pytest.mark.parametrize("n_experts,top_k", [(256, 8), (64, 6), (16, 20), (256, 32), (128, 1)])
 @pytest.mark.parametrize("renormalize", [False, True])

@@ -9,14 +9,6 @@ DTYPES = [torch.float32, torch.float16]
 PENALTY = torch.tensor(1.3, dtype=torch.float32)  # passed on as its exact float32 value
 
 
-@pytest.fixture(autouse=True)
-def own_rng():
-    """Seeded data that leaves the global generator as other modules expect it."""
-    with torch.random.fork_rng():
-        torch.manual_seed(0)
-        yield
-
-
 @pytest.mark.parametrize("dtype", DTYPES)
 @pytest.mark.parametrize("bsz,vocab,seq_len", [(1, 50, 3), (3, 1000, 77), (5, 32000, 300)])
 def test_penalty_on_strided_rows(dtype, bsz, vocab, seq_len):
