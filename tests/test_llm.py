@@ -17,11 +17,11 @@ import vorta_addons
 sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 
 from vorta_llm.config import LlamaConfig  # noqa: E402
-from vorta_llm.generate import generate  # noqa: E402
+from vorta_llm.generate import generate, pick  # noqa: E402
 from vorta_llm.model import VortaLlama, missing_ops  # noqa: E402
 from vorta_llm.moe import MoEWeights, moe_mlp  # noqa: E402
 from vorta_llm.reference import ReferenceLlama, fake_quant_key, fake_quant_value, reference_moe  # noqa: E402
-from vorta_llm.weights import random_weights  # noqa: E402
+from vorta_llm.weights import _unpermute, random_weights  # noqa: E402
 
 TINY = LlamaConfig(vocab_size=320, hidden_size=128, intermediate_size=256, num_layers=2,
                    num_heads=4, num_kv_heads=2, head_dim=64, max_position=64)
@@ -136,3 +136,26 @@ def test_moe_layer_in_the_decoder(device, routing):
     w = random_weights(TINY, seed=8, tied=False)
     ours, ref = side_by_side(TINY, w, device, moe={1: make_moe(routing)})
     assert_same_run(ours, ref, atol=2e-3)
+
+
+def test_gguf_rows_back_to_rotate_half_order():
+    """GGUF converters interleave each head's Q/K rows (i, i + d/2) -> (2i, 2i + 1); the loader
+    undoes it."""
+    heads, d, inp = 3, 8, 5
+    w = torch.arange(heads * d * inp, dtype=torch.float32).view(heads * d, inp)
+    interleaved = torch.empty_like(w)
+    for h in range(heads):
+        for i in range(d // 2):
+            interleaved[h * d + 2 * i] = w[h * d + i]
+            interleaved[h * d + 2 * i + 1] = w[h * d + d // 2 + i]
+    assert torch.equal(_unpermute(interleaved, heads), w)
+
+
+def test_top_k_sampling_stays_in_the_top_k():
+    g = torch.Generator().manual_seed(0)
+    scores = torch.randn(4, 100, generator=g)
+    top = scores.topk(5, dim=-1).indices
+    for _ in range(20):
+        picked = pick(scores, top_k=5, temperature=0.7, generator=g)
+        assert (top == picked[:, None]).any(dim=1).all()
+    assert torch.equal(pick(scores), scores.argmax(-1))
