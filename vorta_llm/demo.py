@@ -75,7 +75,8 @@ def load_model(args):
                   file=sys.stderr)
     cfg = FALLBACK
     return cfg, W.random_weights(cfg, seed=args.seed), ByteTokenizer(), \
-        "RANDOM-INIT weights (seeded; no weights package found): the text below is meaningless", False
+        (f"RANDOM-INIT weights (seeded; {'--random-init' if args.random_init else 'no weights package found'})"
+         ": the text below is meaningless"), False
 
 
 def encode_prompt(tok, text, chat, real):
