@@ -17,7 +17,7 @@ Weights are a flat dict of float32 tensors with these names (out x in for projec
 """
 from __future__ import annotations
 
-import importlib.util
+import importlib.metadata
 import os
 
 import torch
@@ -31,14 +31,12 @@ WEIGHTS_FILE = "SmolLM2-135M-Instruct.Q4_1.gguf"
 
 def packaged_gguf_path() -> str | None:
     """Path of the GGUF file inside the installed weights package (not imported: it needs `llm`)."""
-    spec = importlib.util.find_spec(WEIGHTS_PACKAGE)
-    if spec is None or not spec.submodule_search_locations:
+    try:
+        dist = importlib.metadata.distribution(WEIGHTS_PACKAGE)
+    except importlib.metadata.PackageNotFoundError:
         return None
-    for root in spec.submodule_search_locations:
-        path = os.path.join(root, WEIGHTS_FILE)
-        if os.path.isfile(path):
-            return path
-    return None
+    path = str(dist.locate_file(os.path.join(WEIGHTS_PACKAGE, WEIGHTS_FILE)))
+    return path if os.path.isfile(path) else None
 
 
 def _field(reader, key, default=None):
