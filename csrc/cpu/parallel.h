@@ -18,10 +18,11 @@ void parallel_for(int64_t begin, int64_t end, int64_t grain,
 // Number of threads parallel_for may use.
 int num_threads();
 
-// Chunk size for a loop over `n` items of `bytes_each` bytes: large enough to
-// amortise a task (~32 KiB of traffic), small enough to split across threads.
+// Chunk size for a loop over items of `bytes_each` bytes. A task moves about
+// 256 KiB, well above the cost of waking a pool thread, so decode-sized calls
+// stay on the calling thread while large ones still split across the pool.
 inline int64_t grain_for(int64_t bytes_each) {
-  int64_t g = (int64_t(32) << 10) / (bytes_each > 0 ? bytes_each : 1);
+  int64_t g = (int64_t(256) << 10) / (bytes_each > 0 ? bytes_each : 1);
   return g > 0 ? g : 1;
 }
 
