@@ -1,7 +1,6 @@
 #include "cpu/sdp_decode.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <atomic>
 #include <cmath>
 #include <limits>
@@ -98,12 +97,18 @@ constexpr float wide_unit() {
   else return 1.0f;
 }
 
+// Cache levels for prefetch_span.
+constexpr int kL1 = 3, kL2 = 2;
+// Key blocks between the one being scored and the one the 16-lane tiles prefetch.
+constexpr int64_t kAheadBlocks = 2;
+
 // Prefetches the cache lines of elements [first, first + n) of p, which may
-// lie past the end of the cache (a prefetch never faults).
-template <typename C>
+// lie past the end of the cache (a prefetch never faults), into level kL1 or kL2.
+template <int Level = kL1, typename C>
 void prefetch_span(const C* p, int64_t first, int64_t n) {
   const uintptr_t start = reinterpret_cast<uintptr_t>(p) + uintptr_t(first) * sizeof(C);
-  for (uintptr_t a = start; a < start + uintptr_t(n) * sizeof(C); a += 64) prefetch(reinterpret_cast<const void*>(a));
+  for (uintptr_t a = start; a < start + uintptr_t(n) * sizeof(C); a += 64)
+    __builtin_prefetch(reinterpret_cast<const void*>(a), 0, Level);
 }
 
 // Online-softmax attention of up to kMaxRows query rows that share one
@@ -290,7 +295,10 @@ class RowTile {
 
 #if VORTA_ATTN_AVX512
   // score_tile on 16-lane registers: 16 dot products in flight, R rows by
-  // 16 / R keys, each widened key vector serving R rows. Accumulator t * R + r
+  // 16 / R keys, each widened key vector serving R rows. These tiles outrun
+  // first-level prefetches, whose fetches from memory then stall them, so the
+  // rows of the block after next go to the second level, spread over the
+  // block's key groups. Accumulator t * R + r
   // (key t, row r) lands in lane 4 r + t of the reduction when R is 4: row r's
   // four scores are one 128-bit store.
   template <int R>
@@ -299,17 +307,10 @@ class RowTile {
     for (int j = 0; j < nk; j += K) {
       const C* key[K];
       for (int t = 0; t < K; ++t) key[t] = k + std::min(j + t, nk - 1) * d_;
-      static const int pf = getenv("PF") ? atoi(getenv("PF")) : 1;
-      static const int dist = getenv("PFD") ? atoi(getenv("PFD")) : 1;
-      if (i == 0 && pf == 1) {
+      if (i == 0) {
         const int n = std::min(K, nk - j);
-        prefetch_span(v, j * dv_, n * dv_);
-        prefetch_span(k, (kBlock + j) * d_, n * d_);
-      }
-      if (i == 0 && pf == 3) {
-        const int n = std::min(K, nk - j);
-        for (int64_t o = (dist * kBlock + j) * dv_; o < (dist * kBlock + j + n) * dv_; o += 64 / sizeof(C)) _mm_prefetch((const char*)(v + o), _MM_HINT_T1);
-        for (int64_t o = (dist * kBlock + j) * d_; o < (dist * kBlock + j + n) * d_; o += 64 / sizeof(C)) _mm_prefetch((const char*)(k + o), _MM_HINT_T1);
+        prefetch_span<kL2>(v, (kAheadBlocks * kBlock + j) * dv_, n * dv_);
+        prefetch_span<kL2>(k, (kAheadBlocks * kBlock + j) * d_, n * d_);
       }
       __m512 acc[16];
       for (__m512& a : acc) a = _mm512_setzero_ps();
