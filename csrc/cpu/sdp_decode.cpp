@@ -70,6 +70,8 @@ VORTA_TARGET_AVX512 inline __m512 load16(const uint8_t* p) {
 }
 template <class Code, typename C>
 VORTA_TARGET_AVX512 inline __m512 widen16(const C* p) { return load16(p); }
+template <class Code>
+VORTA_TARGET_AVX512 inline __m512 widen16(const uint8_t* p) { return load16<Code>(p); }
 
 // Lane 4 (x % 4) + x / 4 of the result is the sum of the lanes of a[x]: a
 // tree of 15 additions, each halving the data, and their shuffles.
@@ -86,8 +88,6 @@ VORTA_TARGET_AVX512 inline __m512 transpose_add16(const __m512 a[16]) {
   return _mm512_add_ps(_mm512_shuffle_ps(d0, d1, _MM_SHUFFLE(1, 0, 1, 0)),
                        _mm512_shuffle_ps(d0, d1, _MM_SHUFFLE(3, 2, 3, 2)));
 }
-template <class Code>
-VORTA_TARGET_AVX512 inline __m512 widen16(const uint8_t* p) { return load16<Code>(p); }
 #endif
 
 // What widen16 multiplies the cache elements by.
@@ -185,8 +185,8 @@ class RowTile {
   // Row i of the result so far: the weighted value row divided by its weight.
   template <typename R>
   void store(int64_t i, R* dst) const {
-    // One division per row: the grouped pass stores a row per 32 keys, and
-    // vector divisions there would cost a tenth of the multiply-adds' time.
+    // One division per row: the grouped pass stores a row per 32 keys, where
+    // a vector division per eight values costs a few percent of the call.
     const Vec8 inv = Vec8::broadcast(1.0f / (l_[i] * value_unit_));
     for (int64_t c = 0; c < dv_; c += 8) (Vec8::load(acc_ + i * dv_ + c) * inv).store(dst + c);
   }
