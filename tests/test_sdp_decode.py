@@ -14,6 +14,14 @@ MHA = {"mha kernel": 1}
 GQA = {"gqa kernel 1/2": 1, "gqa kernel 2/2": 1}
 
 
+@pytest.fixture(params=[16, 8], ids=["16-lane", "8-lane"])
+def lanes(request):
+    """Runs a test on the 16-lane (AVX-512) kernels, where the CPU has them, and on the 8-lane ones."""
+    vorta_addons._testing.allow_wide_decode(request.param == 16)
+    yield request.param
+    vorta_addons._testing.allow_wide_decode(True)
+
+
 def decode_codes(codes, exponent_bias):
     """The 8-bit cache codes as numbers: (-1)^s * 2^(e - bias) * (1 + m/8 + 1/16)."""
     c = codes.to(torch.int64)
@@ -95,7 +103,7 @@ SDP_CASES = [
 
 
 @pytest.mark.parametrize("dtype,bsz,heads,kv_heads,q_len,kv_len,head_dim,mask,strided,fam,kernels", SDP_CASES)
-def test_sdp(dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, strided, fam, kernels, family):
+def test_sdp(dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, strided, fam, kernels, family, lanes):
     family(fam)
     q, k, v, m = make_inputs(dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, strided)
     before = [t.clone() for t in (q, k, v)]
@@ -124,7 +132,7 @@ def fp8_case(dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, strided
 
 
 @pytest.mark.parametrize("dtype,bsz,heads,kv_heads,q_len,kv_len,head_dim,mask,strided,fam,kernels", FP8_CASES)
-def test_sdp_fp8(dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, strided, fam, kernels, family):
+def test_sdp_fp8(dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, strided, fam, kernels, family, lanes):
     family(fam)
     q, k, v, m, kd, vd = fp8_case(dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, strided)
     out = []
@@ -133,7 +141,7 @@ def test_sdp_fp8(dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, str
     assert_accurate(out[0], q, kd, vd, m, 1 / math.sqrt(head_dim) if kernels is GQA else 0.07)
 
 
-def test_every_code_decodes_exactly():
+def test_every_code_decodes_exactly(lanes):
     # Key row j and value row j hold code j (and j ^ 0x5a) in every column; row 256 is a reference key.
     k = torch.cat([torch.arange(256), torch.tensor([0x38])]).to(torch.uint8).view(1, 1, 257, 1)
     k = k.expand(1, 1, 257, 64).contiguous()
@@ -150,7 +158,7 @@ def test_every_code_decodes_exactly():
     assert_accurate(pair, q, decode_keys(k).float(), decode_values(v).float(), pick, 0.1)
 
 
-def test_unbalanced_fp8_takes_the_single_pass_even_when_grouping_applies(family):
+def test_unbalanced_fp8_takes_the_single_pass_even_when_grouping_applies(family, lanes):
     family(KESTREL)
     q, k, v, m, kd, vd = fp8_case(torch.float16, 1, 8, 2, 1, 2048, 192, "head", True, value_dim=128)
     out = []
@@ -190,7 +198,7 @@ def test_sdp_ignores_the_scale_argument():
 
 
 @pytest.mark.parametrize("kv_len", [700, 4096])
-def test_results_do_not_depend_on_thread_count(kv_len):
+def test_results_do_not_depend_on_thread_count(kv_len, lanes):
     q, k, v, m = make_inputs(torch.float16, 1, 8, 2, 1, kv_len, 128, "head", False)
     saved = torch.get_num_threads()
     try:

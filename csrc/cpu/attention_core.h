@@ -88,11 +88,7 @@ inline void value_kernel(const float* p, int ldp, const float* v, int64_t ldv, i
   }
 }
 
-#if VORTA_ATTN_SIMD && defined(__GNUC__) && defined(__x86_64__)
-#define VORTA_ATTN_AVX512 1
-#define VORTA_TARGET_AVX512 __attribute__((target("avx512f,avx512vl,avx2,fma,f16c")))
-// GCC 12's AVX-512 intrinsics pass _mm512_undefined_ps() as the unused merge
-// source, which its flow analysis reports as uninitialised.
+#if VORTA_ATTN_AVX512
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wuninitialized"
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
@@ -168,19 +164,11 @@ VORTA_TARGET_AVX512 inline __m512 exp16(__m512 x) {
   return _mm512_maskz_mov_ps(_mm512_knot(under), _mm512_scalef_ps(y, fx));
 }
 
-VORTA_TARGET_AVX512 inline Vec8 high_half(__m512 x) {
-  return {_mm256_castpd_ps(_mm512_extractf64x4_pd(_mm512_castps_pd(x), 1))};
-}
 VORTA_TARGET_AVX512 inline float reduce_max16(__m512 x) {
   return hmax(max(Vec8{_mm512_castps512_ps256(x)}, high_half(x)));
 }
 VORTA_TARGET_AVX512 inline float reduce_add16(__m512 x) {
   return hsum(Vec8{_mm512_castps512_ps256(x)} + high_half(x));
-}
-
-VORTA_TARGET_AVX512 inline __m512 load16(const float* p) { return _mm512_loadu_ps(p); }
-VORTA_TARGET_AVX512 inline __m512 load16(const half* p) {
-  return _mm512_cvtph_ps(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(p)));
 }
 
 // One row of a tile without soft-capping: scores scaled, masked (keys from
@@ -219,10 +207,6 @@ VORTA_TARGET_AVX512 float softmax_row512(float* s, int lim, int computed, const 
   return corr;
 }
 
-inline bool have_avx512() {
-  static const bool yes = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512vl");
-  return yes;
-}
 #pragma GCC diagnostic pop
 #endif
 

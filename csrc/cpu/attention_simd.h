@@ -15,6 +15,13 @@
 #define VORTA_ATTN_SIMD 1
 #endif
 
+// 16-lane kernels are compiled for AVX-512 through a target attribute and
+// chosen at run time (have_avx512), so one build serves both kinds of CPU.
+#if VORTA_ATTN_SIMD && defined(__GNUC__) && defined(__x86_64__)
+#define VORTA_ATTN_AVX512 1
+#define VORTA_TARGET_AVX512 __attribute__((target("avx512f,avx512vl,avx2,fma,f16c")))
+#endif
+
 namespace vorta::cpu::attn {
 
 // Inner-product accumulation: a * b + c, fused where the hardware has it
@@ -171,5 +178,30 @@ template <>
 struct Elem<KeyBytes> : CodeElem<kv::KeyCode> {};
 template <>
 struct Elem<ValueBytes> : CodeElem<kv::ValueCode> {};
+
+#if VORTA_ATTN_AVX512
+// GCC 12's AVX-512 intrinsics pass _mm512_undefined_ps() as the unused merge
+// source, which its flow analysis reports as uninitialised.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wuninitialized"
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+
+inline bool have_avx512() {
+  static const bool yes = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512vl");
+  return yes;
+}
+
+VORTA_TARGET_AVX512 inline Vec8 high_half(__m512 x) {
+  return {_mm256_castpd_ps(_mm512_extractf64x4_pd(_mm512_castps_pd(x), 1))};
+}
+
+// Sixteen consecutive elements as floats.
+VORTA_TARGET_AVX512 inline __m512 load16(const float* p) { return _mm512_loadu_ps(p); }
+VORTA_TARGET_AVX512 inline __m512 load16(const half* p) {
+  return _mm512_cvtph_ps(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(p)));
+}
+
+#pragma GCC diagnostic pop
+#endif
 
 }  // namespace vorta::cpu::attn

@@ -17,9 +17,6 @@ namespace vorta::cpu {
 // for -inf), so keys scored -inf weigh nothing.
 inline constexpr float kExpMin = -87.33654f;
 
-// Asks for the cache line at p ahead of its use; never faults.
-inline void prefetch(const void* p) { __builtin_prefetch(p, 0, 3); }
-
 // Makes the compiler hold v in a register at this point: a widened cache
 // vector that feeds several FMAs is then loaded once, not once per FMA.
 inline void keep_in_register(Vec8& v) {

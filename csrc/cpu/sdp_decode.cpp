@@ -1,12 +1,15 @@
 #include "cpu/sdp_decode.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <limits>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
 #include "common/kv_codes.h"
+#include "cpu/attention_simd.h"
 #include "cpu/attention_vec.h"
 #include "cpu/parallel.h"
 #include "cpu/vec.h"
@@ -20,6 +23,8 @@ constexpr int64_t kTargetUnits = 64;    // work items per call: balances any com
 constexpr int64_t kMinChunkKeys = 256;  // shortest key range worth a work item of its own
 constexpr int64_t kForkWork = 1 << 16;  // multiply-adds that pay for handing work to another thread
 constexpr float kNegInf = -std::numeric_limits<float>::infinity();
+
+std::atomic<bool> g_wide_allowed{true};
 
 int64_t ceil_div(int64_t a, int64_t b) { return (a + b - 1) / b; }
 
@@ -43,12 +48,67 @@ Vec8 load_first(const T* p, int n) {
   return Vec8::load(tmp);
 }
 
+#if VORTA_ATTN_AVX512
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wuninitialized"
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+using attn::have_avx512;
+using attn::high_half;
+using attn::load16;
+
+// Sixteen code bytes as floats, scaled by a power of two that the caller
+// takes back out: sign << 31 | 0x40000000 | (magnitude bits) << 20 | 0x40 << 13
+// is (-1)^s 2^(e + 1) (1 + m / 8 + 1 / 16) for the code's 4-bit exponent e and
+// 3-bit mantissa m, exactly 2^(16 - kOffset / 8) times the decoded value. Three
+// operations (sign-extending load, shift, one bitwise select), no addition.
+template <class Code>
+VORTA_TARGET_AVX512 inline __m512 load16(const uint8_t* p) {
+  static_assert(Code::kOffset % 8 == 0, "the offset must move the exponent alone");
+  const __m512i b = _mm512_cvtepi8_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
+  return _mm512_castsi512_ps(_mm512_ternarylogic_epi32(_mm512_slli_epi32(b, 20), _mm512_set1_epi32(int32_t(0x87f00000u)),
+                                                       _mm512_set1_epi32(0x40080000), 0xea));
+}
+template <class Code, typename C>
+VORTA_TARGET_AVX512 inline __m512 widen16(const C* p) { return load16(p); }
+template <class Code>
+VORTA_TARGET_AVX512 inline __m512 widen16(const uint8_t* p) { return load16<Code>(p); }
+
+// Lane 4 (x % 4) + x / 4 of the result is the sum of the lanes of a[x]: a
+// tree of 15 additions, each halving the data, and their shuffles.
+VORTA_TARGET_AVX512 inline __m512 transpose_add16(const __m512 a[16]) {
+  __m512 b[8], c[4];
+  for (int p = 0; p < 8; ++p)  // 256-bit half h: a[2p + h] folded to 256 bits
+    b[p] = _mm512_add_ps(_mm512_shuffle_f32x4(a[2 * p], a[2 * p + 1], 0x44),
+                         _mm512_shuffle_f32x4(a[2 * p], a[2 * p + 1], 0xee));
+  for (int p = 0; p < 4; ++p)  // 128-bit lane k: a[4p + k] folded to 128 bits
+    c[p] = _mm512_add_ps(_mm512_shuffle_f32x4(b[2 * p], b[2 * p + 1], _MM_SHUFFLE(2, 0, 2, 0)),
+                         _mm512_shuffle_f32x4(b[2 * p], b[2 * p + 1], _MM_SHUFFLE(3, 1, 3, 1)));
+  const __m512 d0 = _mm512_add_ps(_mm512_unpacklo_ps(c[0], c[1]), _mm512_unpackhi_ps(c[0], c[1]));
+  const __m512 d1 = _mm512_add_ps(_mm512_unpacklo_ps(c[2], c[3]), _mm512_unpackhi_ps(c[2], c[3]));
+  return _mm512_add_ps(_mm512_shuffle_ps(d0, d1, _MM_SHUFFLE(1, 0, 1, 0)),
+                       _mm512_shuffle_ps(d0, d1, _MM_SHUFFLE(3, 2, 3, 2)));
+}
+#endif
+
+// What widen16 multiplies the cache elements by.
+template <class Code, typename C>
+constexpr float wide_unit() {
+  if constexpr (std::is_same_v<C, uint8_t>) return float(1 << (16 - Code::kOffset / 8));
+  else return 1.0f;
+}
+
+// Cache levels for prefetch_span.
+constexpr int kL1 = 3, kL2 = 2;
+// Key blocks between the one being scored and the one the 16-lane tiles prefetch.
+constexpr int64_t kAheadBlocks = 2;
+
 // Prefetches the cache lines of elements [first, first + n) of p, which may
-// lie past the end of the cache (a prefetch never faults).
-template <typename C>
+// lie past the end of the cache (a prefetch never faults), into level kL1 or kL2.
+template <int Level = kL1, typename C>
 void prefetch_span(const C* p, int64_t first, int64_t n) {
   const uintptr_t start = reinterpret_cast<uintptr_t>(p) + uintptr_t(first) * sizeof(C);
-  for (uintptr_t a = start; a < start + uintptr_t(n) * sizeof(C); a += 64) prefetch(reinterpret_cast<const void*>(a));
+  for (uintptr_t a = start; a < start + uintptr_t(n) * sizeof(C); a += 64)
+    __builtin_prefetch(reinterpret_cast<const void*>(a), 0, Level);
 }
 
 // Online-softmax attention of up to kMaxRows query rows that share one
@@ -61,6 +121,13 @@ class RowTile {
   RowTile(const DecodeInputs<T, C>& in, int64_t max_rows)
       : in_(in), d_(in.head_dim), dv_(in.value_head_dim), group_(in.num_heads / in.kv_heads),
         buf_(max_rows * (d_ + dv_ + kBlock + 3)) {
+#if VORTA_ATTN_AVX512
+    wide_ = g_wide_allowed.load(std::memory_order_relaxed) && have_avx512() && d_ % 16 == 0 && dv_ % 16 == 0;
+#endif
+    // The 16-lane kernels see the 8-bit codes scaled by powers of two: the
+    // score scale and the final division take them back out, exactly.
+    scale_ = wide_ ? in.scale / wide_unit<kv::KeyCode, C>() : in.scale;
+    value_unit_ = wide_ ? wide_unit<kv::ValueCode, C>() : 1.0f;
     float* next = buf_.data();
     auto take = [&](int64_t n) { return std::exchange(next, next + n); };
     q_ = take(max_rows * d_);
@@ -98,6 +165,14 @@ class RowTile {
   void add_block(int64_t j0, int nk) {
     const C* k = key_ + j0 * d_;
     const C* v = value_ + j0 * dv_;
+#if VORTA_ATTN_AVX512
+    if (wide_) {
+      for_row_tiles([&](auto rows, int64_t i) { score_tile512<decltype(rows)::value>(i, k, v, nk); });
+      for (int64_t i = 0; i < n_; ++i) softmax_row(i, j0, nk);
+      for_row_tiles([&](auto rows, int64_t i) { add_values512<decltype(rows)::value>(i, v, nk); });
+      return;
+    }
+#endif
     for_row_tiles([&](auto rows, int64_t i) { score_tile<decltype(rows)::value>(i, k, v, nk); });
     for (int64_t i = 0; i < n_; ++i) softmax_row(i, j0, nk);
     for_row_tiles([&](auto rows, int64_t i) { add_values<decltype(rows)::value>(i, v, nk); });
@@ -110,8 +185,10 @@ class RowTile {
   // Row i of the result so far: the weighted value row divided by its weight.
   template <typename R>
   void store(int64_t i, R* dst) const {
-    const Vec8 l = Vec8::broadcast(l_[i]);
-    for (int64_t c = 0; c < dv_; c += 8) (Vec8::load(acc_ + i * dv_ + c) / l).store(dst + c);
+    // One division per row: the grouped pass stores a row per 32 keys, where
+    // a vector division per eight values costs a few percent of the call.
+    const Vec8 inv = Vec8::broadcast(1.0f / (l_[i] * value_unit_));
+    for (int64_t c = 0; c < dv_; c += 8) (Vec8::load(acc_ + i * dv_ + c) * inv).store(dst + c);
   }
 
  private:
@@ -160,7 +237,7 @@ class RowTile {
   // maximum and sum; p becomes exp(score - new maximum), 0 past nk.
   void softmax_row(int64_t i, int64_t j0, int nk) {
     float* p = p_ + i * kBlock;
-    const Vec8 scale = Vec8::broadcast(in_.scale);
+    const Vec8 scale = Vec8::broadcast(scale_);
     const int groups = (nk + 7) / 8;
     Vec8 top = Vec8::broadcast(kNegInf);
     for (int t = 0; t < groups; ++t) {
@@ -218,8 +295,85 @@ class RowTile {
       for (int u = 0; u < NV; ++u) a[r][u].store(acc_ + (i + r) * dv_ + c + 8 * u);
   }
 
+#if VORTA_ATTN_AVX512
+  // score_tile on 16-lane registers: 16 dot products in flight, R rows by
+  // 16 / R keys, each widened key vector serving R rows. These tiles outrun
+  // first-level prefetches, whose fetches from memory then stall them, so the
+  // rows of the block after next go to the second level, spread over the
+  // block's key groups. Accumulator t * R + r
+  // (key t, row r) lands in lane 4 r + t of the reduction when R is 4: row r's
+  // four scores are one 128-bit store.
+  template <int R>
+  VORTA_TARGET_AVX512 void score_tile512(int64_t i, const C* k, const C* v, int nk) {
+    constexpr int K = 16 / R;
+    for (int j = 0; j < nk; j += K) {
+      const C* key[K];
+      for (int t = 0; t < K; ++t) key[t] = k + std::min(j + t, nk - 1) * d_;
+      if (i == 0) {
+        const int n = std::min(K, nk - j);
+        prefetch_span<kL2>(v, (kAheadBlocks * kBlock + j) * dv_, n * dv_);
+        prefetch_span<kL2>(k, (kAheadBlocks * kBlock + j) * d_, n * d_);
+      }
+      __m512 acc[16];
+      for (__m512& a : acc) a = _mm512_setzero_ps();
+      for (int64_t c = 0; c < d_; c += 16) {
+        __m512 q[R];
+        for (int r = 0; r < R; ++r) q[r] = _mm512_loadu_ps(q_ + (i + r) * d_ + c);
+        for (int t = 0; t < K; ++t) {
+          const __m512 x = widen16<kv::KeyCode>(key[t] + c);
+          for (int r = 0; r < R; ++r) acc[t * R + r] = _mm512_fmadd_ps(q[r], x, acc[t * R + r]);
+        }
+      }
+      // Scores past nk land inside the row's 32 slots and are never read.
+      const __m512 dots = transpose_add16(acc);
+      if constexpr (R == 4) {
+        _mm_storeu_ps(p_ + (i + 0) * kBlock + j, _mm512_castps512_ps128(dots));
+        _mm_storeu_ps(p_ + (i + 1) * kBlock + j, _mm512_extractf32x4_ps(dots, 1));
+        _mm_storeu_ps(p_ + (i + 2) * kBlock + j, _mm512_extractf32x4_ps(dots, 2));
+        _mm_storeu_ps(p_ + (i + 3) * kBlock + j, _mm512_extractf32x4_ps(dots, 3));
+      } else {
+        float lanes[16];
+        _mm512_storeu_ps(lanes, dots);
+        for (int x = 0; x < 16; ++x) p_[(i + x % R) * kBlock + j + x / R] = lanes[4 * (x % 4) + x / 4];
+      }
+    }
+  }
+
+  template <int R>
+  VORTA_TARGET_AVX512 void add_values512(int64_t i, const C* v, int nk) {
+    constexpr int NV = R == 4 ? 4 : 8;
+    int64_t c = 0;
+    for (; c + 16 * NV <= dv_; c += 16 * NV) value_tile512<R, NV>(i, c, v, nk);
+    if constexpr (NV > 4)
+      if (dv_ - c >= 64) value_tile512<R, 4>(i, c, v, nk), c += 64;
+    if (dv_ - c >= 32) value_tile512<R, 2>(i, c, v, nk), c += 32;
+    if (dv_ - c >= 16) value_tile512<R, 1>(i, c, v, nk);
+  }
+
+  template <int R, int NV>
+  VORTA_TARGET_AVX512 void value_tile512(int64_t i, int64_t c, const C* v, int nk) {
+    __m512 a[R][NV];
+    for (int r = 0; r < R; ++r) {
+      const __m512 alpha = _mm512_set1_ps(alpha_[i + r]);
+      for (int u = 0; u < NV; ++u) a[r][u] = _mm512_mul_ps(_mm512_loadu_ps(acc_ + (i + r) * dv_ + c + 16 * u), alpha);
+    }
+    for (int j = 0; j < nk; ++j) {
+      __m512 w[R];
+      for (int r = 0; r < R; ++r) w[r] = _mm512_set1_ps(p_[(i + r) * kBlock + j]);
+      for (int u = 0; u < NV; ++u) {
+        const __m512 x = widen16<kv::ValueCode>(v + j * dv_ + c + 16 * u);
+        for (int r = 0; r < R; ++r) a[r][u] = _mm512_fmadd_ps(w[r], x, a[r][u]);
+      }
+    }
+    for (int r = 0; r < R; ++r)
+      for (int u = 0; u < NV; ++u) _mm512_storeu_ps(acc_ + (i + r) * dv_ + c + 16 * u, a[r][u]);
+  }
+#endif
+
   const DecodeInputs<T, C>& in_;
   const int64_t d_, dv_, group_;
+  bool wide_ = false;
+  float scale_ = 1.0f, value_unit_ = 1.0f;
   std::vector<float> buf_;
   float *q_, *acc_, *p_, *m_, *l_, *alpha_;
   const C* key_ = nullptr;
@@ -287,6 +441,11 @@ void combine_row(int64_t parts, const float* stats, int64_t step, const R* rows,
 }
 
 }  // namespace
+#if VORTA_ATTN_AVX512
+#pragma GCC diagnostic pop
+#endif
+
+void allow_wide_decode(bool allow) { g_wide_allowed.store(allow, std::memory_order_relaxed); }
 
 template <typename T, typename C>
 void decode_attention(const DecodeInputs<T, C>& in, const DecodeOutput<T>& out) {

@@ -74,4 +74,8 @@ template <typename T>
 void combine_attention_blocks(const DecodeBlocks<T>& blocks, const DecodeOutput<T>& out,
                               int64_t bsz, int64_t num_heads, int64_t value_head_dim);
 
+// Whether the kernels may take their 16-lane (AVX-512) forms where the CPU
+// has them; on by default. Off lets tests run the 8-lane forms on any CPU.
+void allow_wide_decode(bool allow);
+
 }  // namespace vorta::cpu

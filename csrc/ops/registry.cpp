@@ -1,6 +1,7 @@
 // The module and its operator table, in registration order.
 #include <torch/extension.h>
 
+#include "cpu/sdp_decode.h"
 #include "ops/device.h"
 #include "ops/ops.h"
 
@@ -43,4 +44,5 @@ PYBIND11_MODULE(vorta_addons, m) {
     set_device_family_override(family ? std::optional<DeviceFamily>(static_cast<DeviceFamily>(*family))
                                       : std::nullopt);
   });
+  testing.def("allow_wide_decode", &cpu::allow_wide_decode);
 }
