@@ -71,24 +71,20 @@ std::vector<float> to_float_vector(const T* p, int64_t n) {
   return v;
 }
 
-// Writes out[i..i+8) = y(i) for the row, rounding once to T.
+// Writes out[i..i+8) = y(i) for the row, rounding once to T. Plain stores:
+// the output is freshly allocated, and its pages arrive zeroed in cache.
 template <typename T, typename F>
-inline void write_row(T* out, int64_t n, bool stream, F y) {
-  if (stream)
-    for (int64_t i = 0; i < n; i += 8) y(i).stream(out + i);
-  else
-    for (int64_t i = 0; i < n; i += 8) y(i).store(out + i);
+inline void write_row(T* out, int64_t n, F y) {
+  for (int64_t i = 0; i < n; i += 8) y(i).store(out + i);
 }
 
 // Runs row(r, x) for every row with x the row as floats, in parallel.
 template <typename T, typename F>
 void for_each_row(const T* input, T* output, int64_t num_tokens, int64_t hidden, F row) {
-  const bool stream = use_streaming_stores(output, num_tokens * hidden * int64_t(sizeof(T)));
   parallel_for(0, num_tokens, grain_for(hidden * 2 * int64_t(sizeof(T))), [&](int64_t lo, int64_t hi) {
     alignas(32) float scratch[kMaxHidden];
     for (int64_t r = lo; r < hi; ++r)
-      row(output + r * hidden, row_as_float(input + r * hidden, hidden, scratch), stream);
-    if (stream) stream_fence();
+      row(output + r * hidden, row_as_float(input + r * hidden, hidden, scratch));
   });
 }
 
@@ -98,10 +94,10 @@ template <typename T>
 void rms_norm(const T* weight, const T* input, T* output, float eps, int64_t num_tokens,
               int64_t hidden) {
   const std::vector<float> w = to_float_vector(weight, hidden);
-  for_each_row(input, output, num_tokens, hidden, [&](T* out, const float* x, bool stream) {
+  for_each_row(input, output, num_tokens, hidden, [&](T* out, const float* x) {
     const float ms = lane_mean(x, hidden, [](Vec8 v) { return v * v; });
     const Vec8 s = Vec8::broadcast(1.0f / std::sqrt(ms + eps));
-    write_row(out, hidden, stream, [&](int64_t i) { return (Vec8::load(x + i) * s) * Vec8::load(&w[i]); });
+    write_row(out, hidden, [&](int64_t i) { return (Vec8::load(x + i) * s) * Vec8::load(&w[i]); });
   });
 }
 
@@ -110,11 +106,11 @@ void layer_norm(const T* input, const T* weight, const T* bias, T* output, float
                 int64_t num_tokens, int64_t hidden) {
   const std::vector<float> w = to_float_vector(weight, hidden);
   const std::vector<float> b = to_float_vector(bias, hidden);
-  for_each_row(input, output, num_tokens, hidden, [&](T* out, const float* x, bool stream) {
+  for_each_row(input, output, num_tokens, hidden, [&](T* out, const float* x) {
     const Vec8 m = Vec8::broadcast(lane_mean(x, hidden, [](Vec8 v) { return v; }));
     const float var = lane_mean(x, hidden, [m](Vec8 v) { return (v - m) * (v - m); });
     const Vec8 s = Vec8::broadcast(1.0f / std::sqrt(var + eps));
-    write_row(out, hidden, stream, [&](int64_t i) {
+    write_row(out, hidden, [&](int64_t i) {
       Vec8 y = (Vec8::load(x + i) - m) * s;
       if (weight) y = y * Vec8::load(&w[i]);
       if (bias) y = y + Vec8::load(&b[i]);

@@ -35,14 +35,6 @@ struct Vec8 {
   void store(half* p) const {
     _mm_storeu_si128(reinterpret_cast<__m128i*>(p), _mm256_cvtps_ph(v, _MM_FROUND_TO_NEAREST_INT));
   }
-  // Non-temporal stores for outputs too large to stay in cache: they skip the
-  // read-for-ownership of the destination. p must be 32-byte (float) or
-  // 16-byte (half) aligned.
-  void stream(float* p) const { _mm256_stream_ps(p, v); }
-  void stream(half* p) const {
-    _mm_stream_si128(reinterpret_cast<__m128i*>(p), _mm256_cvtps_ph(v, _MM_FROUND_TO_NEAREST_INT));
-  }
-  void stream(bf16* p) const { store(p); }
   void store(bf16* p) const {
     alignas(32) float tmp[8];
     _mm256_store_ps(tmp, v);
@@ -81,10 +73,6 @@ struct Vec8 {
   void store(T* p) const {
     for (int i = 0; i < 8; ++i) p[i] = from_float<T>(v[i]);
   }
-  template <typename T>
-  void stream(T* p) const {
-    store(p);
-  }
   float operator[](int i) const { return v[i]; }
 #define VORTA_VEC8_BINARY(NAME, EXPR)        \
   friend Vec8 NAME(Vec8 a, Vec8 b) {         \
@@ -105,19 +93,6 @@ struct Vec8 {
 };
 
 #endif
-
-// Orders earlier non-temporal stores before later stores.
-inline void stream_fence() {
-#if VORTA_AVX2
-  _mm_sfence();
-#endif
-}
-
-// Whether an output of `bytes` at p should be written with non-temporal
-// stores: only when it is far larger than the caches and suitably aligned.
-inline bool use_streaming_stores(const void* p, int64_t bytes) {
-  return bytes >= (int64_t(16) << 20) && (reinterpret_cast<uintptr_t>(p) % 32) == 0;
-}
 
 // Converts n elements (any n) of a 16-bit or float row into floats.
 template <typename T>
