@@ -148,11 +148,11 @@ VORTA_TARGET_AVX512 void value_kernel512(const float* p, int ldp, const float* v
     for (int u = 0; u < NV; ++u) _mm512_storeu_ps(o + r * ldo + 16 * u, acc[r][u]);
 }
 
-// e^x as exp8 does it, on 16 lanes.
+// e^x as exp() does it, on 16 lanes.
 VORTA_TARGET_AVX512 inline __m512 exp16(__m512 x) {
-  const __m512 lo = _mm512_set1_ps(kExpLo);
+  const __m512 lo = _mm512_set1_ps(kExpMin);
   const __mmask16 under = _mm512_cmp_ps_mask(x, lo, _CMP_LT_OQ);
-  __m512 xv = _mm512_min_ps(_mm512_set1_ps(kExpHi), _mm512_max_ps(lo, x));
+  __m512 xv = _mm512_min_ps(_mm512_set1_ps(kExpMax), _mm512_max_ps(lo, x));
   __m512 fx = _mm512_roundscale_ps(_mm512_mul_ps(xv, _mm512_set1_ps(kLog2e)),
                                    _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC);
   __m512 r = _mm512_fnmadd_ps(fx, _mm512_set1_ps(kLn2Hi), xv);
@@ -165,10 +165,10 @@ VORTA_TARGET_AVX512 inline __m512 exp16(__m512 x) {
 }
 
 VORTA_TARGET_AVX512 inline float reduce_max16(__m512 x) {
-  return hmax(max(Vec8{_mm512_castps512_ps256(x)}, high_half(x)));
+  return reduce_max(max(Vec8{_mm512_castps512_ps256(x)}, high_half(x)));
 }
 VORTA_TARGET_AVX512 inline float reduce_add16(__m512 x) {
-  return hsum(Vec8{_mm512_castps512_ps256(x)} + high_half(x));
+  return reduce_add(Vec8{_mm512_castps512_ps256(x)} + high_half(x));
 }
 
 // One row of a tile without soft-capping: scores scaled, masked (keys from
@@ -405,7 +405,7 @@ class Worker {
         x.store(s + j);
         mx = max(mx, x);
       }
-      float row_max = hmax(mx);
+      float row_max = reduce_max(mx);
       for (; j < lim; ++j) {
         float x = s[j] * p_.scale;
         if (p_.softcap > 0.0f) x = p_.softcap * std::tanh(x / p_.softcap);
@@ -424,11 +424,11 @@ class Worker {
       const Vec8 mv = Vec8::broadcast(m_new);
       Vec8 sum = Vec8::zero();
       for (j = 0; j < computed; j += 8) {
-        const Vec8 e = exp8(Vec8::load(s + j) - mv);
+        const Vec8 e = exp(Vec8::load(s + j) - mv);
         e.store(s + j);
         sum = sum + e;
       }
-      l_[r] = l_[r] * corr + hsum(sum);
+      l_[r] = l_[r] * corr + reduce_add(sum);
       m_[r] = m_new;
       corr_[r] = corr;
     }

@@ -1,5 +1,5 @@
-// Vector helpers of the CPU attention kernels: fused multiply-add, exp and
-// tanh on eight floats, an 8x8 transpose and element loaders that widen every
+// Vector helpers of the CPU attention kernels (beside attention_vec.h): tanh
+// on eight floats, an 8x8 transpose and element loaders that widen every
 // source format (float, half, 8-bit key/value codes) to floats.
 #pragma once
 
@@ -8,6 +8,7 @@
 
 #include "common/kv_codes.h"
 #include "cpu/attention.h"
+#include "cpu/attention_vec.h"
 #include "cpu/kv_vec.h"
 #include "cpu/vec.h"
 
@@ -24,75 +25,6 @@
 
 namespace vorta::cpu::attn {
 
-// Inner-product accumulation: a * b + c, fused where the hardware has it
-// (accumulation order, not a rounding contract, is what matters there).
-inline Vec8 fmadd(Vec8 a, Vec8 b, Vec8 c) {
-#if VORTA_ATTN_SIMD
-  return {_mm256_fmadd_ps(a.v, b.v, c.v)};
-#else
-  return a * b + c;
-#endif
-}
-
-inline float hsum(Vec8 a) {
-#if VORTA_ATTN_SIMD
-  __m128 s = _mm_add_ps(_mm256_castps256_ps128(a.v), _mm256_extractf128_ps(a.v, 1));
-  s = _mm_add_ps(s, _mm_movehl_ps(s, s));
-  s = _mm_add_ss(s, _mm_movehdup_ps(s));
-  return _mm_cvtss_f32(s);
-#else
-  float r = 0.0f;
-  for (int i = 0; i < 8; ++i) r += a[i];
-  return r;
-#endif
-}
-
-inline float hmax(Vec8 a) {
-#if VORTA_ATTN_SIMD
-  __m128 s = _mm_max_ps(_mm256_castps256_ps128(a.v), _mm256_extractf128_ps(a.v, 1));
-  s = _mm_max_ps(s, _mm_movehl_ps(s, s));
-  s = _mm_max_ss(s, _mm_movehdup_ps(s));
-  return _mm_cvtss_f32(s);
-#else
-  float r = a[0];
-  for (int i = 1; i < 8; ++i) r = a[i] > r ? a[i] : r;
-  return r;
-#endif
-}
-
-// e^x = 2^n * e^r, n = round(x / ln 2), r = x - n ln 2 (in two parts), e^r
-// from a degree-7 polynomial: within a couple of ulp. Arguments below kExpLo
-// (and -inf) give exactly 0; NaN stays NaN.
-constexpr float kExpLo = -87.3f, kExpHi = 88.3f, kLog2e = 1.44269504088896341f;
-constexpr float kLn2Hi = 0.693359375f, kLn2Lo = -2.12194440e-4f;
-constexpr float kExpPoly[6] = {1.9875691500e-4f, 1.3981999507e-3f, 8.3334519073e-3f,
-                               4.1665795894e-2f, 1.6666665459e-1f, 5.0000001201e-1f};
-
-inline Vec8 exp8(Vec8 x) {
-#if VORTA_ATTN_SIMD
-  const __m256 lo = _mm256_set1_ps(kExpLo);
-  const __m256 under = _mm256_cmp_ps(x.v, lo, _CMP_LT_OQ);
-  // Constant first: max/min return their second operand when one is NaN.
-  __m256 xv = _mm256_min_ps(_mm256_set1_ps(kExpHi), _mm256_max_ps(lo, x.v));
-  __m256 fx = _mm256_round_ps(_mm256_mul_ps(xv, _mm256_set1_ps(kLog2e)),
-                              _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC);
-  __m256 r = _mm256_fnmadd_ps(fx, _mm256_set1_ps(kLn2Hi), xv);
-  r = _mm256_fnmadd_ps(fx, _mm256_set1_ps(kLn2Lo), r);
-  __m256 y = _mm256_set1_ps(kExpPoly[0]);
-  for (int i = 1; i < 6; ++i) y = _mm256_fmadd_ps(y, r, _mm256_set1_ps(kExpPoly[i]));
-  y = _mm256_fmadd_ps(y, _mm256_mul_ps(r, r), r);
-  y = _mm256_add_ps(y, _mm256_set1_ps(1.0f));
-  __m256i e = _mm256_slli_epi32(
-      _mm256_add_epi32(_mm256_cvtps_epi32(fx), _mm256_set1_epi32(127)), 23);
-  y = _mm256_mul_ps(y, _mm256_castsi256_ps(e));
-  return {_mm256_andnot_ps(under, y)};
-#else
-  Vec8 r;
-  for (int i = 0; i < 8; ++i) r.v[i] = x.v[i] < kExpLo ? 0.0f : std::exp(x.v[i]);
-  return r;
-#endif
-}
-
 // tanh(x): odd polynomial near zero (no cancellation), 1 - 2 / (e^2|x| + 1) elsewhere.
 inline Vec8 tanh8(Vec8 x) {
 #if VORTA_ATTN_SIMD
@@ -105,7 +37,7 @@ inline Vec8 tanh8(Vec8 x) {
   p = _mm256_fmadd_ps(p, z, _mm256_set1_ps(1.33314422036e-1f));
   p = _mm256_fmadd_ps(p, z, _mm256_set1_ps(-3.33332819422e-1f));
   __m256 small = _mm256_fmadd_ps(_mm256_mul_ps(p, z), x.v, x.v);
-  __m256 e = exp8({_mm256_add_ps(ax, ax)}).v;
+  __m256 e = exp({_mm256_add_ps(ax, ax)}).v;
   __m256 big = _mm256_sub_ps(
       _mm256_set1_ps(1.0f),
       _mm256_div_ps(_mm256_set1_ps(2.0f), _mm256_add_ps(e, _mm256_set1_ps(1.0f))));

@@ -14,8 +14,14 @@
 namespace vorta::cpu {
 
 // Below this e^x is not a normal float; exp() returns exactly 0 there (and
-// for -inf), so keys scored -inf weigh nothing.
-inline constexpr float kExpMin = -87.33654f;
+// for -inf), so keys scored -inf weigh nothing. Above kExpMax it saturates.
+inline constexpr float kExpMin = -87.33654f, kExpMax = 88.0f;
+// e^x = 2^n e^r with n = round(x log2 e), r = x - n ln 2 (ln 2 in two parts),
+// e^r = 1 + r + r^2 p(r): the constants of every vector exp in the kernels.
+inline constexpr float kLog2e = 1.44269504088896341f;
+inline constexpr float kLn2Hi = 0.693359375f, kLn2Lo = -2.12194440e-4f;
+inline constexpr float kExpPoly[6] = {1.9875691500e-4f, 1.3981999507e-3f, 8.3334519073e-3f,
+                                      4.1665795894e-2f, 1.6666665459e-1f, 5.0000001201e-1f};
 
 // Makes the compiler hold v in a register at this point: a widened cache
 // vector that feeds several FMAs is then loaded once, not once per FMA.
@@ -32,21 +38,17 @@ inline void keep_in_register(Vec8& v) {
 // a * b + c, rounded once.
 inline Vec8 fmadd(Vec8 a, Vec8 b, Vec8 c) { return {_mm256_fmadd_ps(a.v, b.v, c.v)}; }
 
-// e^x lane-wise for x <= 88: Cody-Waite reduction by ln 2 and a degree-6
-// polynomial, within 2 ulp of the exact value.
+// e^x lane-wise: within 2 ulp of the exact value; NaN stays NaN.
 inline Vec8 exp(Vec8 x) {
   const __m256 lo = _mm256_set1_ps(kExpMin);
-  const __m256 xc = _mm256_min_ps(_mm256_max_ps(x.v, lo), _mm256_set1_ps(88.0f));
-  const __m256 n = _mm256_round_ps(_mm256_mul_ps(xc, _mm256_set1_ps(1.44269504088896341f)),
+  // Constant first: max/min return their second operand when one is NaN.
+  const __m256 xc = _mm256_min_ps(_mm256_set1_ps(kExpMax), _mm256_max_ps(lo, x.v));
+  const __m256 n = _mm256_round_ps(_mm256_mul_ps(xc, _mm256_set1_ps(kLog2e)),
                                    _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC);
-  __m256 r = _mm256_fnmadd_ps(n, _mm256_set1_ps(0.693359375f), xc);
-  r = _mm256_fnmadd_ps(n, _mm256_set1_ps(-2.12194440e-4f), r);
-  __m256 p = _mm256_set1_ps(1.9875691500e-4f);
-  p = _mm256_fmadd_ps(p, r, _mm256_set1_ps(1.3981999507e-3f));
-  p = _mm256_fmadd_ps(p, r, _mm256_set1_ps(8.3334519073e-3f));
-  p = _mm256_fmadd_ps(p, r, _mm256_set1_ps(4.1665795894e-2f));
-  p = _mm256_fmadd_ps(p, r, _mm256_set1_ps(1.6666665459e-1f));
-  p = _mm256_fmadd_ps(p, r, _mm256_set1_ps(5.0000001201e-1f));
+  __m256 r = _mm256_fnmadd_ps(n, _mm256_set1_ps(kLn2Hi), xc);
+  r = _mm256_fnmadd_ps(n, _mm256_set1_ps(kLn2Lo), r);
+  __m256 p = _mm256_set1_ps(kExpPoly[0]);
+  for (int i = 1; i < 6; ++i) p = _mm256_fmadd_ps(p, r, _mm256_set1_ps(kExpPoly[i]));
   const __m256 y = _mm256_add_ps(_mm256_fmadd_ps(p, _mm256_mul_ps(r, r), r), _mm256_set1_ps(1.0f));
   const __m256i e = _mm256_slli_epi32(_mm256_add_epi32(_mm256_cvtps_epi32(n), _mm256_set1_epi32(127)), 23);
   const __m256 scaled = _mm256_mul_ps(y, _mm256_castsi256_ps(e));
