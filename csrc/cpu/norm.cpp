@@ -91,10 +91,11 @@ void for_each_row(const T* input, T* output, int64_t num_tokens, int64_t hidden,
 }  // namespace
 
 template <typename T>
-void rms_norm(const T* weight, const T* input, T* output, float eps, int64_t num_tokens,
-              int64_t hidden) {
-  const std::vector<float> w = to_float_vector(weight, hidden);
-  for_each_row(input, output, num_tokens, hidden, [&](T* out, const float* x) {
+void rms_norm(const NormParams<T>& p) {
+  const int64_t hidden = p.hidden;
+  const float eps = p.eps;
+  const std::vector<float> w = to_float_vector(p.weight, hidden);
+  for_each_row(p.input, p.output, p.rows, hidden, [&](T* out, const float* x) {
     const float ms = lane_mean(x, hidden, [](Vec8 v) { return v * v; });
     const Vec8 s = Vec8::broadcast(1.0f / std::sqrt(ms + eps));
     write_row(out, hidden, [&](int64_t i) { return (Vec8::load(x + i) * s) * Vec8::load(&w[i]); });
@@ -102,11 +103,13 @@ void rms_norm(const T* weight, const T* input, T* output, float eps, int64_t num
 }
 
 template <typename T>
-void layer_norm(const T* input, const T* weight, const T* bias, T* output, float eps,
-                int64_t num_tokens, int64_t hidden) {
-  const std::vector<float> w = to_float_vector(weight, hidden);
-  const std::vector<float> b = to_float_vector(bias, hidden);
-  for_each_row(input, output, num_tokens, hidden, [&](T* out, const float* x) {
+void layer_norm(const NormParams<T>& p) {
+  const int64_t hidden = p.hidden;
+  const float eps = p.eps;
+  const bool weight = p.weight != nullptr, bias = p.bias != nullptr;
+  const std::vector<float> w = to_float_vector(p.weight, hidden);
+  const std::vector<float> b = to_float_vector(p.bias, hidden);
+  for_each_row(p.input, p.output, p.rows, hidden, [&](T* out, const float* x) {
     const Vec8 m = Vec8::broadcast(lane_mean(x, hidden, [](Vec8 v) { return v; }));
     const float var = lane_mean(x, hidden, [m](Vec8 v) { return (v - m) * (v - m); });
     const Vec8 s = Vec8::broadcast(1.0f / std::sqrt(var + eps));
@@ -120,8 +123,8 @@ void layer_norm(const T* input, const T* weight, const T* bias, T* output, float
 }
 
 #define VORTA_INSTANTIATE(T)                                                              \
-  template void rms_norm<T>(const T*, const T*, T*, float, int64_t, int64_t);             \
-  template void layer_norm<T>(const T*, const T*, const T*, T*, float, int64_t, int64_t);
+  template void rms_norm<T>(const NormParams<T>&); \
+  template void layer_norm<T>(const NormParams<T>&);
 VORTA_INSTANTIATE(float)
 VORTA_INSTANTIATE(half)
 #undef VORTA_INSTANTIATE

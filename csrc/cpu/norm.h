@@ -1,18 +1,14 @@
-// RMS and layer normalisation over rows of a dense [num_tokens, hidden_size] matrix.
+// RMS and layer normalisation on the CPU (common/params/norm.h).
 #pragma once
 
-#include <cstdint>
+#include "common/params/norm.h"
 
 namespace vorta::cpu {
 
-// weight [hidden_size], input/output [num_tokens, hidden_size]
 template <typename T>
-void rms_norm(const T* weight, const T* input, T* output, float eps, int64_t num_tokens,
-              int64_t hidden_size);
+void rms_norm(const NormParams<T>& p);
 
-// weight and bias [hidden_size] or null
 template <typename T>
-void layer_norm(const T* input, const T* weight, const T* bias, T* output, float eps,
-                int64_t num_tokens, int64_t hidden_size);
+void layer_norm(const NormParams<T>& p);  // weight and bias may be null
 
 }  // namespace vorta::cpu

@@ -2,11 +2,13 @@
 
 #include <c10/core/impl/DeviceGuardImplInterface.h>
 
+#include "ops/backends.h"
+
 #include <atomic>
 #include <fstream>
 #include <string>
 
-#ifdef VORTA_WITH_CUDA
+#if VORTA_WITH_CUDA
 #include <cuda_runtime_api.h>
 #endif
 
@@ -42,7 +44,7 @@ DeviceInfo cpu_info() {
 
 DeviceInfo query(const c10::Device& device) {
   if (device.is_cpu()) return cpu_info();
-#ifdef VORTA_WITH_CUDA
+#if VORTA_WITH_CUDA
   if (device.is_cuda()) {
     cudaDeviceProp prop{};
     if (cudaGetDeviceProperties(&prop, device.index()) != cudaSuccess) return {"", 0, 0};

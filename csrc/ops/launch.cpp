@@ -1,29 +1,60 @@
 #include "ops/launch.h"
 
-#include <ATen/record_function.h>
-#include <c10/core/DeviceGuard.h>
 #include <c10/core/impl/DeviceGuardImplInterface.h>
 
 namespace vorta {
 
 bool is_supported_device(const c10::Device& device) {
-#ifdef VORTA_WITH_CUDA
+#if VORTA_WITH_CUDA
   if (device.is_cuda()) return true;
 #endif
   return device.is_cpu();
 }
 
+namespace detail {
+namespace {
+
+// Throws "PyTorch is not linked with support for <type> devices" when no
+// guard is registered for the device type, then rejects devices this build
+// has no kernels for.
+const c10::impl::DeviceGuardImplInterface* checked_guard(const c10::Device& device) {
+  const c10::impl::DeviceGuardImplInterface* impl = c10::impl::getDeviceGuardImpl(device.type());
+  if (!is_supported_device(device)) raise_unsupported_device(device);
+  return impl;
+}
+
+}  // namespace
+
+LaunchScope::LaunchScope(const c10::Device& device, const char* name)
+    : device_guard_((checked_guard(device), device)), record_(at::RecordScope::FUNCTION) {
+  if (!device.is_cpu()) {
+    c10::Stream stream = c10::impl::getDeviceGuardImpl(device.type())->getStream(device);
+    native_stream_ = reinterpret_cast<void*>(stream.native_handle());
+  }
+  if (record_.isActive()) record_.before(name);
+}
+
+void raise_no_cuda_kernels(const char* op, const c10::Device& device) {
+  TORCH_CHECK(false, op, ": this build of vorta_addons has no CUDA kernels for it (tensor on ",
+              device, ")");
+}
+
+void raise_unsupported_device(const c10::Device& device) {
+  TORCH_CHECK(false, "vorta_addons was built without kernels for ", device.type(), " devices");
+}
+
+#if VORTA_WITH_CUDA
+void check_cuda_launch(cudaError_t err, const char* name) {
+  TORCH_CHECK(err == cudaSuccess, "vorta_addons: launching \"", name, "\" failed: ",
+              cudaGetErrorString(err));
+}
+#endif
+
+}  // namespace detail
+
 void submit_kernel(const Kernel& kernel, const c10::Device& device, const char* name) {
-  // Throws "PyTorch is not linked with support for <type> devices" when no
-  // guard is registered for the device type.
-  const c10::impl::DeviceGuardImplInterface* guard_impl = c10::impl::getDeviceGuardImpl(device.type());
-  c10::DeviceGuard device_guard(device);
-  c10::Stream stream = guard_impl->getStream(device);
-  TORCH_CHECK(is_supported_device(device), "vorta_addons was built without kernels for ",
-              device.type(), " devices");
-  void* native = device.is_cpu() ? nullptr : reinterpret_cast<void*>(stream.native_handle());
-  RECORD_FUNCTION(name, c10::ArrayRef<const c10::IValue>{});
-  kernel(Stream{device, native});
+  detail::LaunchScope scope(device, name);
+  kernel(Stream{device, scope.native_stream()});
 }
 
 }  // namespace vorta

@@ -7,6 +7,10 @@
 #include "ops/launch.h"
 #include "ops/ops.h"
 
+#if VORTA_CUDA_NORM
+#include "cuda/norm.h"
+#endif
+
 namespace vorta {
 namespace {
 
@@ -19,35 +23,30 @@ void check_hidden_size(int64_t hidden_size) {
 }
 
 template <typename T>
-void rms_norm_kernel(const void* weight, const void* input, void* output, float eps,
-                     int64_t num_tokens, int64_t hidden_size, const c10::Device& device) {
-  check_hidden_size(hidden_size);
-  auto w = static_cast<const T*>(weight);
-  auto in = static_cast<const T*>(input);
-  auto out = static_cast<T*>(output);
-  submit_kernel(
-      [=](const Stream& s) {
-        if (s.is_cpu()) return cpu::rms_norm<T>(w, in, out, eps, num_tokens, hidden_size);
-        VORTA_CUDA(cuda::rms_norm<T>(w, in, out, eps, num_tokens, hidden_size, s.cuda()));
-      },
-      device, "rms norm");
+NormParams<T> norm_params(const at::Tensor& input, const std::optional<at::Tensor>& weight,
+                          const std::optional<at::Tensor>& bias, const at::Tensor& output,
+                          float eps) {
+  return {const_ptr<T>(input),
+          weight ? const_ptr<T>(*weight) : nullptr,
+          bias ? const_ptr<T>(*bias) : nullptr,
+          mut_ptr<T>(output),
+          input.size(0),
+          input.size(1),
+          eps};
 }
 
 template <typename T>
-void layer_norm_kernel(const void* input, const void* weight, const void* bias, void* output,
-                       float eps, int64_t num_tokens, int64_t hidden_size,
-                       const c10::Device& device) {
-  check_hidden_size(hidden_size);
-  auto in = static_cast<const T*>(input);
-  auto w = static_cast<const T*>(weight);
-  auto b = static_cast<const T*>(bias);
-  auto out = static_cast<T*>(output);
-  submit_kernel(
-      [=](const Stream& s) {
-        if (s.is_cpu()) return cpu::layer_norm<T>(in, w, b, out, eps, num_tokens, hidden_size);
-        VORTA_CUDA(cuda::layer_norm<T>(in, w, b, out, eps, num_tokens, hidden_size, s.cuda()));
-      },
-      device, "layer norm");
+void rms_norm_launcher(const NormParams<T>& p, const c10::Device& device) {
+  check_hidden_size(p.hidden);
+  launch(device, "rms norm", [&] { cpu::rms_norm(p); },
+         VORTA_CUDA_LAUNCHER(NORM, "rms_norm", [&](cudaStream_t s) { return cuda::rms_norm(p, s); }));
+}
+
+template <typename T>
+void layer_norm_launcher(const NormParams<T>& p, const c10::Device& device) {
+  check_hidden_size(p.hidden);
+  launch(device, "layer norm", [&] { cpu::layer_norm(p); },
+         VORTA_CUDA_LAUNCHER(NORM, "layer_norm", [&](cudaStream_t s) { return cuda::layer_norm(p, s); }));
 }
 
 void check_dense_on(const at::Tensor& t, const at::Tensor& input, const char* what) {
@@ -68,8 +67,7 @@ at::Tensor rms_norm(const at::Tensor& weight, const at::Tensor& input, float eps
     using T = typename decltype(tag)::type;
     check_dense_on(input, input, "input");
     check_dense_on(weight, input, "weight");
-    rms_norm_kernel<T>(weight.const_data_ptr(), input.const_data_ptr(), output.data_ptr(), eps,
-                       num_tokens, hidden_size, input.device());
+    rms_norm_launcher(norm_params<T>(input, weight, std::nullopt, output, eps), input.device());
   });
   return output;
 }
@@ -88,9 +86,7 @@ at::Tensor layer_norm(const at::Tensor& input, const std::optional<at::Tensor>& 
     check_dense_on(input, input, "input");
     if (weight) check_dense_on(*weight, input, "weight");
     if (bias) check_dense_on(*bias, input, "bias");
-    layer_norm_kernel<T>(input.const_data_ptr(), weight ? weight->const_data_ptr() : nullptr,
-                         bias ? bias->const_data_ptr() : nullptr, output.data_ptr(), eps,
-                         num_tokens, hidden_size, input.device());
+    layer_norm_launcher(norm_params<T>(input, weight, bias, output, eps), input.device());
   });
   return output;
 }
