@@ -1,15 +1,18 @@
-// Runtime values become compile-time constants here, and only here.
+// Element-type dispatch and head-size validation of the operator layer.
 //
-// Each switch calls the given generic lambda with a type tag or an integral
-// constant, and raises the operator's message when nothing matches. Callers
-// test head sizes before element types.
+// An element-type switch calls the given generic lambda with a type tag and
+// raises the operator's message when nothing matches. Head sizes stay runtime
+// values here: they are checked against the kernel family's list in
+// common/head_sizes.h, before element types.
 #pragma once
 
 #include <ATen/core/Tensor.h>
 #include <c10/util/Exception.h>
 
+#include <string>
 #include <type_traits>
 
+#include "common/head_sizes.h"
 #include "common/numeric.h"
 
 namespace vorta {
@@ -43,11 +46,27 @@ void dispatch_float_half_bf16(at::ScalarType t, F&& f) {
   }
 }
 
-// Calls f(std::integral_constant<int, D>{}) for the D in Ds equal to value.
-template <int... Ds, typename F>
-void dispatch_int(int64_t value, const char* message, F&& f) {
-  bool found = ((value == Ds ? (f(std::integral_constant<int, Ds>{}), true) : false) || ...);
-  TORCH_CHECK(found, message);
+// How a head-size message agrees its verb: with the number of sizes ("only 72
+// is supported"), or always plural, as quantize_key_value words it ("only 192
+// are supported").
+enum class Verb { by_count, plural };
+
+// "unsupported <what>, only 256, 192, 128, 96, 80 and 64 are supported", from the list.
+template <class Sizes>
+std::string head_size_message(const char* what, Verb verb = Verb::by_count) {
+  std::string m = std::string("unsupported ") + what + ", only ";
+  for (int i = 0; i < Sizes::count; ++i) {
+    if (i > 0) m += i + 1 < Sizes::count ? ", " : " and ";
+    m += std::to_string(Sizes::values[i]);
+  }
+  return m + (Sizes::count == 1 && verb == Verb::by_count ? " is supported" : " are supported");
+}
+
+// Raises the list's message unless d is in it. Head sizes are checked
+// before element types.
+template <class Sizes>
+void check_head_size(int64_t d, const char* what = "head_dim", Verb verb = Verb::by_count) {
+  TORCH_CHECK(Sizes::contains(d), head_size_message<Sizes>(what, verb));
 }
 
 // Element pointers. 16-bit float types are torch's in another name, so their

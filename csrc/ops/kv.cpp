@@ -14,8 +14,6 @@ namespace {
 
 constexpr char kAssertSource[] = "kv";
 
-constexpr char kHeadDims[] = "unsupported head_dim, only 192, 128, 96, 80 and 64 are supported";
-
 KvRows kv_rows(const at::Tensor& key, const at::Tensor& value, const at::Tensor& key_output,
                const at::Tensor& value_output) {
   auto strides = [](const at::Tensor& t, int64_t* out) {
@@ -93,11 +91,10 @@ void quantize_key_value(const at::Tensor& key, const at::Tensor& value,
   VORTA_ASSERT(key.scalar_type() == value.scalar_type());
   check_row_grid(value, key_output, value_output, bsz, num_heads, seq_len);
   if (key.size(3) != value.size(3)) {
-    // The one unbalanced pairing: 192-wide keys with 128-wide values.
-    dispatch_int<192>(key.size(3), "unsupported key head_dim, only 192 are supported", [](auto) {});
-    dispatch_int<128>(value.size(3), "unsupported value head_dim, only 128 are supported", [](auto) {});
+    check_head_size<head_sizes::UnbalancedKey>(key.size(3), "key head_dim", Verb::plural);
+    check_head_size<head_sizes::UnbalancedValue>(value.size(3), "value head_dim", Verb::plural);
   } else {
-    dispatch_int<192, 128, 96, 80, 64>(head_dim, kHeadDims, [](auto) {});
+    check_head_size<head_sizes::KvCache>(head_dim);
   }
   dispatch_float_half(key.scalar_type(), [&](auto tag) {
     using T = typename decltype(tag)::type;
@@ -113,7 +110,7 @@ void dequantize_key_value(const at::Tensor& key, const at::Tensor& value,
   VORTA_ASSERT(key_output.scalar_type() == value_output.scalar_type());
   check_row_grid(value, key_output, value_output, bsz, num_heads, seq_len);
   VORTA_ASSERT(value.size(3) == head_dim && key_output.size(3) == head_dim && value_output.size(3) == head_dim);
-  dispatch_int<192, 128, 96, 80, 64>(head_dim, kHeadDims, [](auto) {});
+  check_head_size<head_sizes::KvCache>(head_dim);
   dispatch_float_half(key_output.scalar_type(), [&](auto tag) {
     using T = typename decltype(tag)::type;
     dequantize_key_value_launcher(kv_convert_params<uint8_t, T>(key, value, key_output, value_output),

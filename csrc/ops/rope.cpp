@@ -14,10 +14,6 @@ namespace {
 
 constexpr char kAssertSource[] = "rope";
 
-constexpr char kHalfHeadDims[] =
-    "unsupported head_dim, only 256, 128, 96, 80, 64, 40, 32, 20 and 16 are supported";
-constexpr char kTwoHeadDims[] = "unsupported head_dim, only 128, 96 and 64 are supported";
-
 RotaryRows rotary_rows(const at::Tensor& query, const at::Tensor& key) {
   return {query.size(0),
           query.size(1),
@@ -95,9 +91,9 @@ void rotary_inplaced(const at::Tensor& inv_freq, const at::Tensor& position_ids,
   const int64_t head_dim = query.size(3);
   VORTA_ASSERT(inv_freq.numel() == head_dim / 2);
   if (every_two)
-    dispatch_int<128, 96, 64>(head_dim, kTwoHeadDims, [](auto) {});
+    check_head_size<head_sizes::RotaryTwo>(head_dim);
   else
-    dispatch_int<256, 128, 96, 80, 64, 40, 32, 20, 16>(head_dim, kHalfHeadDims, [](auto) {});
+    check_head_size<head_sizes::RotaryHalf>(head_dim);
   dispatch_float_half(key.scalar_type(), [&](auto tag) {
     using T = typename decltype(tag)::type;
     rotary_inv_freq<T>(inv_freq, position_ids, query, key, head_dim, every_two);

@@ -4,8 +4,8 @@
 
 #include <ATen/ATen.h>
 
-#include "common/device_family.h"
 #include "common/fatal.h"
+#include "common/head_sizes.h"
 #include "ops/device.h"
 #include "ops/ops.h"
 
@@ -55,7 +55,7 @@ void prepare_mask(std::optional<at::Tensor>& mask, const at::Tensor& query,
 bool use_matrix_engine(const at::Tensor& query) {
   const int64_t head_dim = query.size(3);
   return has_matrix_engine(get_device_family(query.device())) &&
-         (head_dim == 64 || head_dim == 80 || head_dim == 128);
+         head_sizes::MatrixEngine::contains(head_dim);
 }
 
 namespace {

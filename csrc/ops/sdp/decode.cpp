@@ -3,6 +3,7 @@
 
 #include <ATen/ops/empty.h>
 
+#include <cmath>
 #include <type_traits>
 
 #include "common/params/attention.h"
@@ -103,17 +104,8 @@ bool use_grouped_kernels(int64_t seq_length, int64_t kv_len, int64_t group, cons
          (kv_len >= 2048 || get_device_family(device) == DeviceFamily::KESTREL);
 }
 
-float fixed_scale(int64_t head_dim) {
-  switch (head_dim) {
-    case 64: return 0.125f;
-    case 80: return 0.111803398f;
-    case 96: return 0.102062076f;
-    case 128: return 0.0883883461f;
-    case 192: return 0.0721687824f;
-    case 256: return 0.0625f;
-    default: TORCH_CHECK(false, kHeadDimMessage);
-  }
-}
+// Rounded once from double; for every size of the list this is the nearest float.
+float fixed_scale(int64_t head_dim) { return float(1.0 / std::sqrt(double(head_dim))); }
 
 void check_decode_layout(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
                          const std::optional<at::Tensor>& mask, bool fp8) {
@@ -162,15 +154,14 @@ void run_grouped(const at::Tensor& query, const at::Tensor& key, const at::Tenso
   const int64_t nblocks = (kv_len + kDecodeKeyBlock - 1) / kDecodeKeyBlock;
   at::Tensor stats = at::empty({bsz, num_heads, 1, 2 * nblocks}, query.options().dtype(at::kFloat));
   at::Tensor block_rows = at::empty({bsz, num_heads, 1, nblocks * head_dim}, query.options());
-  dispatch_head_dim(head_dim, [&](auto) {
-    dispatch_float_half(query.scalar_type(), [&](auto tag) {
-      using T = typename decltype(tag)::type;
-      check_decode_layout(query, key, value, mask, fp8);
-      if (fp8)
-        run_grouped<T, uint8_t>(query, key, value, mask, result, stats, block_rows);
-      else
-        run_grouped<T, T>(query, key, value, mask, result, stats, block_rows);
-    });
+  check_head_dim(head_dim);
+  dispatch_float_half(query.scalar_type(), [&](auto tag) {
+    using T = typename decltype(tag)::type;
+    check_decode_layout(query, key, value, mask, fp8);
+    if (fp8)
+      run_grouped<T, uint8_t>(query, key, value, mask, result, stats, block_rows);
+    else
+      run_grouped<T, T>(query, key, value, mask, result, stats, block_rows);
   });
 }
 

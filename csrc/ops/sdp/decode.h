@@ -18,14 +18,14 @@ namespace vorta::decode {
 // on KESTREL devices, 2048 on the others).
 bool use_grouped_kernels(int64_t seq_length, int64_t kv_len, int64_t group, const c10::Device& device);
 
-inline constexpr char kHeadDimMessage[] =
-    "unsupported head_dim, only 256, 192, 128, 96, 80 and 64 are supported";
-
-// Calls f(std::integral_constant<int, D>) for the supported head size D.
-template <typename F>
-void dispatch_head_dim(int64_t head_dim, F&& f) {
-  dispatch_int<64, 80, 96, 128, 192, 256>(head_dim, kHeadDimMessage, f);
+// The decode kernels' head sizes: any other raises the attention operators'
+// message, before the element type is looked at.
+inline void check_head_dim(int64_t head_dim) {
+  check_head_size<head_sizes::Attention>(head_dim);
 }
+
+// 1/sqrt(head_dim), the float nearest to it: the grouped kernels' fixed scale.
+float fixed_scale(int64_t head_dim);
 
 // The decode mask checks, reported under the calling operator's source, then
 // the broadcast of the mask to [bsz, num_heads, seq_length, context_length].
@@ -38,9 +38,6 @@ void check_and_broadcast_mask(std::optional<at::Tensor>& mask, const at::Tensor&
   VORTA_ASSERT(query.scalar_type() == mask->scalar_type());
   mask = mask->expand({query.size(0), query.size(1), -1, -1});
 }
-
-// 1/sqrt(head_dim), the float nearest to it, for a supported head size.
-float fixed_scale(int64_t head_dim);
 
 // What the kernels rely on beyond the operators' assertions: everything on
 // the query's device, packed query and mask rows, and key/value rows packed
@@ -55,8 +52,8 @@ void launch_single_pass(const at::Tensor& query, const at::Tensor& key, const at
                         const std::optional<at::Tensor>& mask, const at::Tensor& result, float scale,
                         const char* name);
 
-// The grouped path: allocates the per-call block temporaries, selects the
-// instance (head_dim, then dtype) and launches "gqa kernel 1/2" and
+// The grouped path: allocates the per-call block temporaries, checks head_dim,
+// then dtype, and launches "gqa kernel 1/2" and
 // "gqa kernel 2/2". Scores use fixed_scale(head_dim) whatever the caller's.
 void run_grouped(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
                  const std::optional<at::Tensor>& mask, const at::Tensor& result, bool fp8);

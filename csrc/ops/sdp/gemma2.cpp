@@ -22,8 +22,7 @@ at::Tensor soft_capped(const at::Tensor& query, const at::Tensor& key, const at:
     VORTA_ASSERT(query.scalar_type() == key.scalar_type());
   });
   const int64_t D = query.size(3);
-  dispatch_int<256, 192, 128, 96, 80, 64>(
-      D, "unsupported head_dim, only 256, 192, 128, 96, 80 and 64 are supported", [](auto) {});
+  check_head_size<head_sizes::Attention>(D);
   at::Tensor out;
   dispatch_float_half(query.scalar_type(), [&](auto tag) {
     using T = typename decltype(tag)::type;

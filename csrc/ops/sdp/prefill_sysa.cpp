@@ -40,8 +40,7 @@ at::Tensor matrix_prefill(const at::Tensor& query, const at::Tensor& key, const 
   const bool exec16 = family == DeviceFamily::FINCH || family == DeviceFamily::OSPREY;
   TORCH_CHECK(exec16 || family == DeviceFamily::KESTREL || family == DeviceFamily::LARK,
               "unsupported device, only KESTREL, HARRIER, LARK, FINCH and OSPREY are supported");
-  dispatch_int<128, 80, 64>(D, "unsupported head_dim, only 128, 80 and 64 are supported",
-                            [](auto) {});
+  check_head_size<head_sizes::MatrixEngine>(D);
   dispatch_float_half(query.scalar_type(), [&](auto tag) {
     using T = typename decltype(tag)::type;
     launch_sysa<T>(query, key, value, mask, result, D, scale, fp8, causal, operator_name(fp8, causal));
@@ -55,7 +54,7 @@ at::Tensor siglip_prefill(const at::Tensor& query, const at::Tensor& key, const 
   const DeviceFamily family = get_device_family(query.device());
   TORCH_CHECK(family == DeviceFamily::KESTREL || family == DeviceFamily::LARK,
               "unsupported device, only KESTREL, HARRIER, LARK are supported");
-  dispatch_int<72>(D, "unsupported head_dim, only 72 is supported", [](auto) {});
+  check_head_size<head_sizes::VisionEncoder>(D);
   // Result rows are 80 wide (the head size rounded up to 16) in a buffer of
   // whole 256-row blocks; the call returns the view of the stored part.
   constexpr int64_t kStored = 72, kRowWidth = 80;

@@ -7,12 +7,6 @@
 #include "ops/sdp/prefill.h"
 
 namespace vorta::prefill {
-namespace {
-
-constexpr char kHeadDimMessage[] =
-    "unsupported head_dim, only 256, 192, 128, 96, 80 and 64 are supported";
-
-}  // namespace
 
 at::Tensor vector_prefill(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
                           const at::Tensor& mask, float scale, bool fp8, bool causal) {
@@ -21,10 +15,10 @@ at::Tensor vector_prefill(const at::Tensor& query, const at::Tensor& key, const 
   at::Tensor out = at::empty({B, Hq, (Lq + 255) / 256 * 256, Dv}, query.options());
   const bool unbalanced = fp8 && D != Dv;
   if (unbalanced) {
-    dispatch_int<192>(D, "unsupported head_dim, only 192 is supported", [](auto) {});
-    dispatch_int<128>(Dv, "unsupported value head_dim, only 128 is supported", [](auto) {});
+    check_head_size<head_sizes::UnbalancedKey>(D);
+    check_head_size<head_sizes::UnbalancedValue>(Dv, "value head_dim");
   } else {
-    dispatch_int<256, 192, 128, 96, 80, 64>(D, kHeadDimMessage, [](auto) {});
+    check_head_size<head_sizes::Attention>(D);
   }
   dispatch_float_half(query.scalar_type(), [&](auto tag) {
     using T = typename decltype(tag)::type;

@@ -36,12 +36,11 @@ at::Tensor sdp(const at::Tensor& query, const at::Tensor& key, const at::Tensor&
     decode::run_grouped(query, key, value, mask, result, /*fp8=*/false);
     return result;
   }
-  decode::dispatch_head_dim(head_dim, [&](auto) {
-    dispatch_float_half(query.scalar_type(), [&](auto tag) {
-      using T = typename decltype(tag)::type;
-      decode::check_decode_layout(query, key, value, mask, /*fp8=*/false);
-      mha_kernel<T>(query, key, value, mask, result, decode::fixed_scale(head_dim));
-    });
+  decode::check_head_dim(head_dim);
+  dispatch_float_half(query.scalar_type(), [&](auto tag) {
+    using T = typename decltype(tag)::type;
+    decode::check_decode_layout(query, key, value, mask, /*fp8=*/false);
+    mha_kernel<T>(query, key, value, mask, result, decode::fixed_scale(head_dim));
   });
   return result;
 }

@@ -43,20 +43,16 @@ at::Tensor sdp_fp8(const at::Tensor& query, const at::Tensor& key, const at::Ten
     decode::run_grouped(query, key, value, mask, result, /*fp8=*/true);
     return result;
   }
-  auto launch = [&](bool unbalanced) {
-    dispatch_float_half(query.scalar_type(), [&](auto tag) {
-      using T = typename decltype(tag)::type;
-      decode::check_decode_layout(query, key, value, mask, /*fp8=*/true);
-      (unbalanced ? mha_unbalanced_fp8_kernel<T> : mha_fp8_kernel<T>)(query, key, value, mask, result, scale);
-    });
-  };
   if (balanced) {
-    decode::dispatch_head_dim(head_dim, [&](auto) { launch(false); });
-    return result;
+    decode::check_head_dim(head_dim);
+  } else {
+    check_head_size<head_sizes::UnbalancedKey>(head_dim);
+    check_head_size<head_sizes::UnbalancedValue>(value_head_dim, "value head_dim");
   }
-  dispatch_int<192>(head_dim, "unsupported head_dim, only 192 is supported", [&](auto) {
-    dispatch_int<128>(value_head_dim, "unsupported value head_dim, only 128 is supported",
-                      [&](auto) { launch(true); });
+  dispatch_float_half(query.scalar_type(), [&](auto tag) {
+    using T = typename decltype(tag)::type;
+    decode::check_decode_layout(query, key, value, mask, /*fp8=*/true);
+    (balanced ? mha_fp8_kernel<T> : mha_unbalanced_fp8_kernel<T>)(query, key, value, mask, result, scale);
   });
   return result;
 }
