@@ -51,4 +51,14 @@ VORTA_HD uint16_t decode(uint8_t b) {
   return uint16_t((uint16_t(b & 0x80u) << 8) | (uint16_t((b & 0x7fu) + Code::kOffset) << 7) | 0x40u);
 }
 
+// What a code's magnitude bits need added to become the binary32 bits of its
+// value, once placed at bits 20-26 (the sign at bit 31): the offset, the
+// exponent rebias from binary16 to binary32 and the 0x40 midpoint bits.
+template <class Code>
+constexpr VORTA_HD int32_t float_bits_bias() {
+  static_assert(Code::kOffset >= 8 && Code::kOffset + 0x7f < 0xf8,
+                "every decoded code must be a normal fp16 number");
+  return (int32_t(Code::kOffset) << 20) + ((127 - 15) << 23) + (0x40 << 13);
+}
+
 }  // namespace vorta::kv

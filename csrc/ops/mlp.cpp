@@ -17,13 +17,6 @@ constexpr char kAssertSource[] = "mlp";
 // Each device work-item owns one block of BS elements.
 constexpr int64_t BS = 128;
 
-template <typename T>
-void silu_mul_launcher(const SiluMulParams<T>& p, const c10::Device& device) {
-  launch(device, "mlp silu_mul", [&] { cpu::silu_mul(p); },
-         VORTA_CUDA_LAUNCHER(ELEMENTWISE, "mlp_silu_mul_inplaced",
-                             [&](cudaStream_t s) { return cuda::silu_mul(p, s); }));
-}
-
 }  // namespace
 
 void mlp_silu_mul_inplaced(const at::Tensor& gate, const at::Tensor& up) {
@@ -35,7 +28,10 @@ void mlp_silu_mul_inplaced(const at::Tensor& gate, const at::Tensor& up) {
     const int64_t nelem = gate.numel();
     VORTA_ASSERT(nelem % BS == 0);
     TORCH_CHECK(up.device() == gate.device(), "up must be on gate's device");
-    silu_mul_launcher(SiluMulParams<T>{mut_ptr<T>(gate), const_ptr<T>(up), nelem}, gate.device());
+    const SiluMulParams<T> p{mut_ptr<T>(gate), const_ptr<T>(up), nelem};
+    launch(gate.device(), "mlp silu_mul", [&] { cpu::silu_mul(p); },
+           VORTA_CUDA_LAUNCHER(ELEMENTWISE, "mlp_silu_mul_inplaced",
+                               [&](cudaStream_t s) { return cuda::silu_mul(p, s); }));
   });
 }
 

@@ -3,7 +3,7 @@
 #include <cmath>
 #include <limits>
 
-#include "cpu/exp2.h"
+#include "cpu/simd/exp.h"
 
 using vorta::bits_float;
 using vorta::float_bits;

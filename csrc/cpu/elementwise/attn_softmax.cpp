@@ -3,14 +3,12 @@
 
 #include "common/numeric.h"
 #include "cpu/elementwise.h"
-#include "cpu/exp2.h"
 #include "cpu/parallel.h"
-#include "cpu/vec.h"
+#include "cpu/simd/exp.h"
+#include "cpu/simd/vec8.h"
 
 namespace vorta::cpu {
 namespace {
-
-constexpr float kLog2e = 1.4426950216293335f;
 
 // The k < 8 elements left at the end of a row, in lanes 0..k-1; `fill` elsewhere.
 template <typename T>
@@ -27,16 +25,6 @@ void store_tail(Vec8 v, T* p, int64_t k) {
   for (int64_t i = 0; i < k; ++i) p[i] = from_float<T>(t[i]);
 }
 
-float horizontal_max(Vec8 v) {
-  float m = v[0];
-  for (int i = 1; i < 8; ++i) m = m > v[i] ? m : v[i];
-  return m;
-}
-
-float horizontal_sum(Vec8 v) {
-  return ((v[0] + v[4]) + (v[2] + v[6])) + ((v[1] + v[5]) + (v[3] + v[7]));
-}
-
 // One row: the exponentials are kept in `e` (float) for the final scaling.
 template <typename T>
 void softmax_row(T* x, int64_t n, float* e) {
@@ -50,8 +38,8 @@ void softmax_row(T* x, int64_t n, float* e) {
   }
   if (i < body) m0 = max(m0, Vec8::load(x + i));
   if (tail) m0 = max(m0, load_tail(x + body, tail, -inf));
-  const Vec8 m = Vec8::broadcast(horizontal_max(max(m0, m1)));
-  const Vec8 l2e = Vec8::broadcast(kLog2e);
+  const Vec8 m = Vec8::broadcast(reduce_max(max(m0, m1)));
+  const Vec8 l2e = Vec8::broadcast(exp_constants::kLog2e);
 
   Vec8 s = Vec8::zero();
   for (i = 0; i < body; i += 8) {
@@ -68,7 +56,7 @@ void softmax_row(T* x, int64_t n, float* e) {
     Vec8::load(t).store(e + body);
     s = s + Vec8::load(t);
   }
-  const Vec8 r = Vec8::broadcast(1.0f / horizontal_sum(s));
+  const Vec8 r = Vec8::broadcast(1.0f / reduce_add(s));
   for (i = 0; i < body; i += 8) (Vec8::load(e + i) * r).store(x + i);
   if (tail) store_tail(Vec8::load(e + body) * r, x + body, tail);
 }

@@ -1,15 +1,14 @@
 #include "common/numeric.h"
 #include "cpu/elementwise.h"
-#include "cpu/exp2.h"
 #include "cpu/parallel.h"
-#include "cpu/vec.h"
+#include "cpu/simd/exp.h"
+#include "cpu/simd/vec8.h"
 
 namespace vorta::cpu {
 
 template <typename T>
 void silu_mul(const SiluMulParams<T>& p) {
-  // -log2(e) rounded to float (bits 0xBFB8AA3B).
-  const Vec8 c = Vec8::broadcast(-1.4426950216293335f);
+  const Vec8 c = Vec8::broadcast(-exp_constants::kLog2e);
   const Vec8 one = Vec8::broadcast(1.0f);
   T* gate = p.gate;
   const T* up = p.up;

@@ -1,64 +1,27 @@
 #include "common/kv_codes.h"
 #include "common/numeric.h"
 #include "cpu/kv_cache.h"
-#include "cpu/kv_vec.h"
 #include "cpu/parallel.h"
+#include "cpu/simd/vec8.h"
 
 namespace vorta::cpu {
 namespace {
 
-using kv::KeyCode;
-using kv::ValueCode;
 
-template <class Code>
-void encode_row(const half* src, uint8_t* dst, int64_t n) {
+// n elements of a key or value row to codes, and back. Float elements are
+// rounded to half first; decoded values are exact in float and in half.
+template <class Code, typename T>
+void encode_row(const T* src, uint8_t* dst, int64_t n) {
   int64_t i = 0;
-#if VORTA_AVX2
-  for (; i + 16 <= n; i += 16) {
-    const __m256i h = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(src + i));
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + i), encode16<Code>(h));
-  }
-#endif
-  for (; i < n; ++i) dst[i] = kv::encode<Code>(src[i].bits);
+  for (; i + 8 <= n; i += 8) narrow_codes<Code>(Vec8::load(src + i), dst + i);
+  for (; i < n; ++i) dst[i] = kv::encode<Code>(from_float<half>(to_float(src[i])).bits);
 }
 
-template <class Code>
-void encode_row(const float* src, uint8_t* dst, int64_t n) {
+template <class Code, typename T>
+void decode_row(const uint8_t* src, T* dst, int64_t n) {
   int64_t i = 0;
-#if VORTA_AVX2
-  constexpr int kRne = _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC;
-  for (; i + 16 <= n; i += 16) {
-    const __m128i lo = _mm256_cvtps_ph(_mm256_loadu_ps(src + i), kRne);
-    const __m128i hi = _mm256_cvtps_ph(_mm256_loadu_ps(src + i + 8), kRne);
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + i), encode16<Code>(_mm256_set_m128i(hi, lo)));
-  }
-#endif
-  for (; i < n; ++i) dst[i] = kv::encode<Code>(float_to_half_bits(src[i]));
-}
-
-template <class Code>
-void decode_row(const uint8_t* src, half* dst, int64_t n) {
-  int64_t i = 0;
-#if VORTA_AVX2
-  for (; i + 16 <= n; i += 16) {
-    const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + i));
-    _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + i), decode16<Code>(b));
-  }
-#endif
-  for (; i < n; ++i) dst[i] = half{kv::decode<Code>(src[i])};
-}
-
-template <class Code>
-void decode_row(const uint8_t* src, float* dst, int64_t n) {
-  int64_t i = 0;
-#if VORTA_AVX2
-  for (; i + 16 <= n; i += 16) {
-    const __m256i h = decode16<Code>(_mm_loadu_si128(reinterpret_cast<const __m128i*>(src + i)));
-    _mm256_storeu_ps(dst + i, _mm256_cvtph_ps(_mm256_castsi256_si128(h)));
-    _mm256_storeu_ps(dst + i + 8, _mm256_cvtph_ps(_mm256_extracti128_si256(h, 1)));
-  }
-#endif
-  for (; i < n; ++i) dst[i] = half_bits_to_float(kv::decode<Code>(src[i]));
+  for (; i + 8 <= n; i += 8) widen_codes<Code>(src + i).store(dst + i);
+  for (; i < n; ++i) dst[i] = from_float<T>(half_bits_to_float(kv::decode<Code>(src[i])));
 }
 
 inline int64_t offset(const int64_t* stride, int64_t b, int64_t h, int64_t s) {

@@ -3,10 +3,10 @@
 #include <vector>
 
 #include "common/numeric.h"
-#include "cpu/exp2.h"
 #include "cpu/moe.h"
 #include "cpu/parallel.h"
-#include "cpu/vec.h"
+#include "cpu/simd/exp.h"
+#include "cpu/simd/vec8.h"
 
 namespace vorta::cpu {
 namespace {
@@ -17,35 +17,19 @@ constexpr int kMaxGroups = kLanes / 16;  // groups hold a multiple of 16 experts
 constexpr float kInf = std::numeric_limits<float>::infinity();
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
 
-#if VORTA_AVX2
-// Every lane: the largest of the 8 lanes.
-inline __m256 broadcast_max(__m256 m) {
-  m = _mm256_max_ps(m, _mm256_permute2f128_ps(m, m, 1));
-  m = _mm256_max_ps(m, _mm256_shuffle_ps(m, m, _MM_SHUFFLE(1, 0, 3, 2)));
-  return _mm256_max_ps(m, _mm256_shuffle_ps(m, m, _MM_SHUFFLE(2, 3, 0, 1)));
-}
-
 // The largest non-NaN value of v[0..n) (n a multiple of 8); -inf if none.
 inline float max_value(const float* v, int n) {
-  // max_ps returns its second operand when either is NaN: the accumulator
-  // goes second and never becomes NaN.
-  __m256 a0 = _mm256_set1_ps(-kInf), a1 = a0;
+  // max returns its second operand when either is NaN: the accumulator goes
+  // second and never becomes NaN.
+  Vec8 a0 = Vec8::broadcast(-kInf), a1 = a0;
   int i = 0;
   for (; i + 16 <= n; i += 16) {
-    a0 = _mm256_max_ps(_mm256_loadu_ps(v + i), a0);
-    a1 = _mm256_max_ps(_mm256_loadu_ps(v + i + 8), a1);
+    a0 = max(Vec8::load(v + i), a0);
+    a1 = max(Vec8::load(v + i + 8), a1);
   }
-  if (i < n) a0 = _mm256_max_ps(_mm256_loadu_ps(v + i), a0);
-  return _mm256_cvtss_f32(broadcast_max(_mm256_max_ps(a0, a1)));
+  if (i < n) a0 = max(Vec8::load(v + i), a0);
+  return reduce_max(max(a0, a1));
 }
-#else
-// The largest non-NaN value of v[0..n); -inf if none.
-inline float max_value(const float* v, int n) {
-  float m = -kInf;
-  for (int i = 0; i < n; ++i) m = v[i] > m ? v[i] : m;
-  return m;
-}
-#endif
 
 // Takes the largest value of v[0..n), the lowest lane on ties: stores it in
 // `value`, writes -1.0 over its lane (so the next call finds the next one) and
@@ -75,63 +59,52 @@ class ScanSelector {
 // take_max repeated over a NaN-free row: the row is cut into blocks of 32
 // lanes whose maxima are kept, so that a take looks at the block maxima and
 // one block, then refreshes that block's maximum. Same choices as take_max.
-#if VORTA_AVX2
 class Selector {
  public:
   // v has room for n (a multiple of 8) rounded up to 32 lanes; the lanes past
   // n become -inf, below every real lane, and are never taken.
   void init(float* v, int n) {
     v_ = v;
-    block_max_ = _mm256_set1_ps(-kInf);
+    block_max_ = Vec8::broadcast(-kInf);
     const int padded = (n + 31) & ~31;
-    for (int i = n; i < padded; i += 8) _mm256_storeu_ps(v + i, _mm256_set1_ps(-kInf));
+    for (int i = n; i < padded; i += 8) Vec8::broadcast(-kInf).store(v + i);
     for (int b = 0; b * 32 < padded; ++b) {
       const float* blk = v + 32 * b;
-      set_block_max(b, _mm256_loadu_ps(blk), _mm256_loadu_ps(blk + 8), _mm256_loadu_ps(blk + 16),
-                    _mm256_loadu_ps(blk + 24));
+      set_block_max(b, Vec8::load(blk), Vec8::load(blk + 8), Vec8::load(blk + 16), Vec8::load(blk + 24));
     }
   }
 
   // Whole-vector loads and stores only: a narrow store read back by a wide
   // load would stall on store forwarding.
   int take(float& value) {
-    const __m256 m = broadcast_max(block_max_);
-    const int b =
-        __builtin_ctz(unsigned(_mm256_movemask_ps(_mm256_cmp_ps(block_max_, m, _CMP_EQ_OQ))));
+    const Vec8 m = broadcast_max(block_max_);
+    const int b = __builtin_ctz(lane_bits(cmp_eq(block_max_, m)));
     float* blk = v_ + 32 * b;
-    __m256 x[4];
+    Vec8 x[4];
     unsigned hits = 0;
     for (int j = 0; j < 4; ++j) {
-      x[j] = _mm256_loadu_ps(blk + 8 * j);
-      hits |= unsigned(_mm256_movemask_ps(_mm256_cmp_ps(x[j], m, _CMP_EQ_OQ))) << (8 * j);
+      x[j] = Vec8::load(blk + 8 * j);
+      hits |= lane_bits(cmp_eq(x[j], m)) << (8 * j);
     }
     const unsigned first = hits & (0u - hits);
-    const __m256i bit = _mm256_setr_epi32(1, 2, 4, 8, 16, 32, 64, 128);
     for (int j = 0; j < 4; ++j) {
-      const __m256i mine = _mm256_and_si256(_mm256_set1_epi32(int(first >> (8 * j))), bit);
-      x[j] = _mm256_blendv_ps(x[j], _mm256_set1_ps(-1.0f),
-                              _mm256_castsi256_ps(_mm256_cmpeq_epi32(mine, bit)));
-      _mm256_storeu_ps(blk + 8 * j, x[j]);
+      x[j] = select(lane_mask(first >> (8 * j)), Vec8::broadcast(-1.0f), x[j]);
+      x[j].store(blk + 8 * j);
     }
     set_block_max(b, x[0], x[1], x[2], x[3]);
-    value = _mm256_cvtss_f32(m);
+    value = m[0];
     return 32 * b + __builtin_ctz(hits);
   }
 
  private:
-  void set_block_max(int b, __m256 x0, __m256 x1, __m256 x2, __m256 x3) {
-    const __m256 m = broadcast_max(_mm256_max_ps(_mm256_max_ps(x0, x1), _mm256_max_ps(x2, x3)));
-    const __m256i lane = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
-    block_max_ = _mm256_blendv_ps(
-        block_max_, m, _mm256_castsi256_ps(_mm256_cmpeq_epi32(lane, _mm256_set1_epi32(b))));
+  void set_block_max(int b, Vec8 x0, Vec8 x1, Vec8 x2, Vec8 x3) {
+    const Vec8 m = broadcast_max(max(max(x0, x1), max(x2, x3)));
+    block_max_ = select(lane_mask(1u << b), m, block_max_);
   }
 
   float* v_ = nullptr;
-  __m256 block_max_;  // lane b: the largest value of lanes 32b..32b+31
+  Vec8 block_max_;  // lane b: the largest value of lanes 32b..32b+31
 };
-#else
-using Selector = ScanSelector;
-#endif
 
 inline bool has_nan(const float* v, int n) {
   bool nan = false;
@@ -180,7 +153,7 @@ void softmax_topk_row(const T* logits, int n, int top_k, bool renormalize, int64
                       T* weights) {
   alignas(32) float p[kLanes];
   load_row(logits, p, n);
-  const Vec8 vm = Vec8::broadcast(max_value(p, n)), l2e = Vec8::broadcast(1.4426950216293335f);
+  const Vec8 vm = Vec8::broadcast(max_value(p, n)), l2e = Vec8::broadcast(exp_constants::kLog2e);
   for (int i = 0; i < n; i += 8) exp2((Vec8::load(p + i) - vm) * l2e).store(p + i);
   const float sum = lane_sum(p, n);
 

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "cpu/parallel.h"
-#include "cpu/vec.h"
+#include "cpu/simd/vec8.h"
 
 namespace vorta::cpu {
 namespace {

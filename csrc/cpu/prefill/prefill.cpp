@@ -3,8 +3,8 @@
 #include <cassert>
 #include <type_traits>
 
-#include "cpu/attention.h"
 #include "cpu/prefill.h"
+#include "cpu/prefill/problem.h"
 
 namespace vorta::cpu {
 namespace {

@@ -5,7 +5,7 @@
 #include "common/numeric.h"
 #include "cpu/parallel.h"
 #include "cpu/rotary.h"
-#include "cpu/vec.h"
+#include "cpu/simd/vec8.h"
 
 namespace vorta::cpu {
 namespace {
@@ -28,95 +28,42 @@ inline float product(float a, float b) {
   return round_to<T>(p);
 }
 
-#if VORTA_AVX2
-template <typename T>
-inline __m256 load8(const T* p) {
-  return Vec8::load(p).v;
-}
-
-// bf16 rounding (to nearest, ties to even) of eight floats, as float bit
-// patterns with the low 16 bits clear. NaN needs no care here: every NaN in
-// these kernels comes from a bf16 load or is the hardware's default NaN, both
-// with zero low bits, so the increment cannot carry out of the mantissa.
-inline __m256i bf16_round_bits(__m256 v) {
-  const __m256i b = _mm256_castps_si256(v);
-  const __m256i lsb = _mm256_and_si256(_mm256_srli_epi32(b, 16), _mm256_set1_epi32(1));
-  const __m256i r = _mm256_add_epi32(_mm256_add_epi32(b, _mm256_set1_epi32(0x7fff)), lsb);
-  return _mm256_and_si256(r, _mm256_set1_epi32(int(0xffff0000u)));
-}
-
-template <typename T>
-inline __m256 round8(__m256 v);
-template <>
-inline __m256 round8<float>(__m256 v) {
-  return v;
-}
-template <>
-inline __m256 round8<half>(__m256 v) {
-  return _mm256_cvtph_ps(_mm256_cvtps_ph(v, _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC));
-}
-template <>
-inline __m256 round8<bf16>(__m256 v) {
-  return _mm256_castsi256_ps(bf16_round_bits(v));
-}
-
-inline void store8(float* p, __m256 v) { _mm256_storeu_ps(p, v); }
-inline void store8(half* p, __m256 v) { Vec8{v}.store(p); }
-inline void store8(bf16* p, __m256 v) {
-  const __m256i r = _mm256_srli_epi32(bf16_round_bits(v), 16);
-  _mm_storeu_si128(reinterpret_cast<__m128i*>(p),
-                   _mm_packus_epi32(_mm256_castsi256_si128(r), _mm256_extracti128_si256(r, 1)));
-}
-#endif
-
-#if VORTA_AVX2 && defined(__FMA__)
 // sin and cos of eight angles: reduction by the nearest multiple of pi/2 in
 // three parts (the first exact through FMA), then the classic minimax
 // polynomials on [-pi/4, pi/4]. A few ulp for |x| below 2^20.
-inline void sincos8(__m256 x, __m256& sin_out, __m256& cos_out) {
-  const __m256 j = _mm256_round_ps(_mm256_mul_ps(x, _mm256_set1_ps(0.636619746685028076171875f)),
-                                   _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC);
-  __m256 r = _mm256_fnmadd_ps(j, _mm256_set1_ps(1.57079637050628662109375f), x);
-  r = _mm256_fnmadd_ps(j, _mm256_set1_ps(-4.37113882867379300296306610107421875e-08f), r);
-  r = _mm256_fnmadd_ps(j, _mm256_set1_ps(-1.7151245100058819e-15f), r);
-  const __m256 z = _mm256_mul_ps(r, r);
-  __m256 sp = _mm256_fmadd_ps(_mm256_set1_ps(-1.9515295891e-4f), z, _mm256_set1_ps(8.3321608736e-3f));
-  sp = _mm256_fmadd_ps(sp, z, _mm256_set1_ps(-1.6666654611e-1f));
-  sp = _mm256_fmadd_ps(_mm256_mul_ps(sp, z), r, r);
-  __m256 cp = _mm256_fmadd_ps(_mm256_set1_ps(2.443315711809948e-5f), z, _mm256_set1_ps(-1.388731625493765e-3f));
-  cp = _mm256_fmadd_ps(cp, z, _mm256_set1_ps(4.166664568298827e-2f));
-  cp = _mm256_fmadd_ps(_mm256_mul_ps(cp, z), z, _mm256_fnmadd_ps(_mm256_set1_ps(0.5f), z, _mm256_set1_ps(1.0f)));
-  // Quadrant q: odd quadrants swap sin and cos; sin is negative in quadrants
-  // 2 and 3, cos in 1 and 2 (two's complement keeps this right for q < 0).
-  const __m256i q = _mm256_cvtps_epi32(j);
-  const __m256i one = _mm256_set1_epi32(1), two = _mm256_set1_epi32(2);
-  const __m256 swap = _mm256_castsi256_ps(_mm256_cmpeq_epi32(_mm256_and_si256(q, one), one));
-  const __m256 s = _mm256_blendv_ps(sp, cp, swap), c = _mm256_blendv_ps(cp, sp, swap);
-  const __m256i sin_sign = _mm256_slli_epi32(_mm256_and_si256(q, two), 30);
-  const __m256i cos_sign = _mm256_slli_epi32(_mm256_and_si256(_mm256_add_epi32(q, one), two), 30);
-  sin_out = _mm256_xor_ps(s, _mm256_castsi256_ps(sin_sign));
-  cos_out = _mm256_xor_ps(c, _mm256_castsi256_ps(cos_sign));
+inline void sincos8(Vec8 x, Vec8& sin_out, Vec8& cos_out) {
+  const Vec8 j = round_nearest(x * Vec8::broadcast(0.636619746685028076171875f));
+  Vec8 r = fnmadd(j, Vec8::broadcast(1.57079637050628662109375f), x);
+  r = fnmadd(j, Vec8::broadcast(-4.37113882867379300296306610107421875e-08f), r);
+  r = fnmadd(j, Vec8::broadcast(-1.7151245100058819e-15f), r);
+  const Vec8 z = r * r;
+  Vec8 sp = fmadd(Vec8::broadcast(-1.9515295891e-4f), z, Vec8::broadcast(8.3321608736e-3f));
+  sp = fmadd(sp, z, Vec8::broadcast(-1.6666654611e-1f));
+  sp = fmadd(sp * z, r, r);
+  Vec8 cp = fmadd(Vec8::broadcast(2.443315711809948e-5f), z, Vec8::broadcast(-1.388731625493765e-3f));
+  cp = fmadd(cp, z, Vec8::broadcast(4.166664568298827e-2f));
+  cp = fmadd(cp * z, z, fnmadd(Vec8::broadcast(0.5f), z, Vec8::broadcast(1.0f)));
+  // Quadrant q = j mod 4: odd quadrants swap sin and cos; sin is negative in
+  // quadrants 2 and 3, cos in 1 and 2.
+  const Vec8 q = j - Vec8::broadcast(4.0f) * floor(j * Vec8::broadcast(0.25f));
+  const Vec8 one = cmp_eq(q, Vec8::broadcast(1.0f)), two = cmp_eq(q, Vec8::broadcast(2.0f));
+  const Vec8 three = cmp_eq(q, Vec8::broadcast(3.0f));
+  const Vec8 swap = bit_or(one, three);
+  const Vec8 sign = Vec8::broadcast(-0.0f);
+  sin_out = bit_xor(select(swap, cp, sp), bit_and(bit_or(two, three), sign));
+  cos_out = bit_xor(select(swap, sp, cp), bit_and(bit_or(one, two), sign));
 }
-#endif
 
 // cos and sin of position * freq[i] for i < n (n a multiple of 8), rounded to T.
 template <typename T>
 void angle_table(float position, const float* freq, int64_t n, float* c, float* s) {
-#if VORTA_AVX2 && defined(__FMA__)
-  const __m256 p = _mm256_set1_ps(position);
+  const Vec8 p = Vec8::broadcast(position);
   for (int64_t i = 0; i < n; i += 8) {
-    __m256 sv, cv;
-    sincos8(_mm256_mul_ps(p, _mm256_loadu_ps(freq + i)), sv, cv);
-    _mm256_storeu_ps(c + i, round8<T>(cv));
-    _mm256_storeu_ps(s + i, round8<T>(sv));
+    Vec8 sv, cv;
+    sincos8(p * Vec8::load(freq + i), sv, cv);
+    round_to<T>(cv).store(c + i);
+    round_to<T>(sv).store(s + i);
   }
-#else
-  for (int64_t i = 0; i < n; ++i) {
-    const float a = position * freq[i];
-    c[i] = round_to<T>(std::cos(a));
-    s[i] = round_to<T>(std::sin(a));
-  }
-#endif
 }
 
 // Per-element factors for pairs (2i, 2i+1): cd = (c, c), sd = (-s, s), taking
@@ -135,15 +82,12 @@ void expand_pairs(const float* c, const float* s, int64_t stride, int64_t pairs,
 template <typename T>
 void rotate_half_row(T* row, const float* c, const float* s, int64_t half) {
   int64_t i = 0;
-#if VORTA_AVX2
   for (; i + 8 <= half; i += 8) {
-    const __m256 x1 = load8(row + i), x2 = load8(row + half + i);
-    const __m256 cv = _mm256_loadu_ps(c + i), sv = _mm256_loadu_ps(s + i);
-    store8(row + i, _mm256_sub_ps(round8<T>(_mm256_mul_ps(x1, cv)), round8<T>(_mm256_mul_ps(x2, sv))));
-    store8(row + half + i,
-           _mm256_add_ps(round8<T>(_mm256_mul_ps(x2, cv)), round8<T>(_mm256_mul_ps(x1, sv))));
+    const Vec8 x1 = Vec8::load(row + i), x2 = Vec8::load(row + half + i);
+    const Vec8 cv = Vec8::load(c + i), sv = Vec8::load(s + i);
+    (round_to<T>(x1 * cv) - round_to<T>(x2 * sv)).store(row + i);
+    (round_to<T>(x2 * cv) + round_to<T>(x1 * sv)).store(row + half + i);
   }
-#endif
   for (; i < half; ++i) {
     const float x1 = to_float(row[i]), x2 = to_float(row[half + i]);
     row[i] = from_float<T>(product<T>(x1, c[i]) - product<T>(x2, s[i]));
@@ -157,14 +101,10 @@ void rotate_half_row(T* row, const float* c, const float* s, int64_t half) {
 template <typename T>
 void rotate_pairs_row(T* row, const float* cd, const float* sd, int64_t n) {
   int64_t k = 0;
-#if VORTA_AVX2
   for (; k + 8 <= n; k += 8) {
-    const __m256 x = load8(row + k);
-    const __m256 swapped = _mm256_permute_ps(x, 0xb1);
-    store8(row + k, _mm256_add_ps(round8<T>(_mm256_mul_ps(x, _mm256_loadu_ps(cd + k))),
-                                  round8<T>(_mm256_mul_ps(swapped, _mm256_loadu_ps(sd + k)))));
+    const Vec8 x = Vec8::load(row + k);
+    (round_to<T>(x * Vec8::load(cd + k)) + round_to<T>(swap_pairs(x) * Vec8::load(sd + k))).store(row + k);
   }
-#endif
   for (; k < n; k += 2) {
     const float u = to_float(row[k]), v = to_float(row[k + 1]);
     const float c = cd[k], s = sd[k + 1];

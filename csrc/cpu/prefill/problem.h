@@ -1,5 +1,5 @@
-// The prefill attention core of the CPU backend and the kernels that build
-// its working copies (internal to csrc/cpu).
+// What the prefill attention core of the CPU backend reads, and the kernels
+// that build its working copies (internal to csrc/cpu/prefill).
 //
 // The core streams 64-key tiles through each block of query rows; scores and
 // the softmax statistics are float32, the result is rounded once on store.

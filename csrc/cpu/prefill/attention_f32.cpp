@@ -1,12 +1,12 @@
 // Attention core instantiations for float queries: working copies in float
 // (vector path) or in half (matrix-engine path).
-#include "cpu/attention_core.h"
+#include "cpu/prefill/worker.h"
 
 namespace vorta::cpu {
 
 template <typename T, typename KV>
 void attention(const AttentionProblem<T, KV>& p) {
-  attn::run_attention(p);
+  prefill::run_attention(p);
 }
 
 template void attention<float, float>(const AttentionProblem<float, float>&);

@@ -1,5 +1,6 @@
-// The blocked online-softmax attention core; included by the files that
-// instantiate it (one per query type, to split the build).
+// The worker of prefill attention: a block of up to kBlockRows query rows of
+// one head, streamed against 64-key tiles with an online softmax, through the
+// 8- or the 16-lane micro-kernels; and the pool of workers of one call.
 #pragma once
 
 #include <algorithm>
@@ -8,207 +9,23 @@
 #include <cmath>
 #include <limits>
 #include <type_traits>
-#include <utility>
 #include <vector>
 
-#include "cpu/attention.h"
-#include "cpu/attention_simd.h"
 #include "cpu/parallel.h"
+#include "cpu/prefill/micro_kernels.h"
+#include "cpu/prefill/micro_kernels_avx512.h"
+#include "cpu/prefill/problem.h"
+#include "cpu/simd/exp.h"
+#include "cpu/simd/vec8.h"
 
-namespace vorta::cpu::attn {
+namespace vorta::cpu::prefill {
 
 constexpr int kTile = kKeyTile;  // keys per tile
-constexpr int kBlockRows = 96;  // query rows per task
-constexpr int kMr = 6;          // query rows per micro-kernel call
+constexpr int kBlockRows = 96;   // query rows per task
 // The running maximum starts below every score, so that rows whose scores all
 // lie far below -65504 (fp32 masks of -1e9 or the type's minimum) still get a
 // proper softmax instead of 0 / 0.
 constexpr float kInitMax = -std::numeric_limits<float>::infinity();
-
-template <typename F>
-inline void with_rows(int rows, F&& f) {
-  switch (rows) {
-    case 6: return f(std::integral_constant<int, 6>{});
-    case 5: return f(std::integral_constant<int, 5>{});
-    case 4: return f(std::integral_constant<int, 4>{});
-    case 3: return f(std::integral_constant<int, 3>{});
-    case 2: return f(std::integral_constant<int, 2>{});
-    default: return f(std::integral_constant<int, 1>{});
-  }
-}
-
-// s[r][0..16) = q[r] . k[:, 0..16) for R query rows; k is component-major with
-// stride ldk between components.
-template <int R>
-inline void score_kernel(const float* q, int ldq, const float* k, int ldk, int kd, float* s,
-                         int lds) {
-  Vec8 a0[R], a1[R];
-#pragma GCC unroll 6
-  for (int r = 0; r < R; ++r) a0[r] = a1[r] = Vec8::zero();
-  for (int d = 0; d < kd; ++d) {
-    const Vec8 k0 = Vec8::load(k + d * ldk), k1 = Vec8::load(k + d * ldk + 8);
-#pragma GCC unroll 6
-    for (int r = 0; r < R; ++r) {
-      const Vec8 qb = Vec8::broadcast(q[r * ldq + d]);
-      a0[r] = fmadd(qb, k0, a0[r]);
-      a1[r] = fmadd(qb, k1, a1[r]);
-    }
-  }
-#pragma GCC unroll 6
-  for (int r = 0; r < R; ++r) {
-    a0[r].store(s + r * lds);
-    a1[r].store(s + r * lds + 8);
-  }
-}
-
-// o[r][0..16) = o[r][0..16) * corr[r] + sum_j p[r][j] * v[j][0..16) for R rows.
-template <int R>
-inline void value_kernel(const float* p, int ldp, const float* v, int64_t ldv, int n, float* o,
-                         int ldo, const float* corr) {
-  Vec8 a0[R], a1[R];
-#pragma GCC unroll 6
-  for (int r = 0; r < R; ++r) {
-    const Vec8 c = Vec8::broadcast(corr[r]);
-    a0[r] = Vec8::load(o + r * ldo) * c;
-    a1[r] = Vec8::load(o + r * ldo + 8) * c;
-  }
-  for (int j = 0; j < n; ++j) {
-    const Vec8 v0 = Vec8::load(v + j * ldv), v1 = Vec8::load(v + j * ldv + 8);
-#pragma GCC unroll 6
-    for (int r = 0; r < R; ++r) {
-      const Vec8 pb = Vec8::broadcast(p[r * ldp + j]);
-      a0[r] = fmadd(pb, v0, a0[r]);
-      a1[r] = fmadd(pb, v1, a1[r]);
-    }
-  }
-#pragma GCC unroll 6
-  for (int r = 0; r < R; ++r) {
-    a0[r].store(o + r * ldo);
-    a1[r].store(o + r * ldo + 8);
-  }
-}
-
-#if VORTA_ATTN_AVX512
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wuninitialized"
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-
-// The same two micro-kernels on 16-lane registers, NV registers per row: the
-// 32 registers hold 6 rows x 64 keys (or values), halving loads per multiply.
-template <int R, int NV>
-VORTA_TARGET_AVX512 void score_kernel512(const float* q, int ldq, const float* k, int ldk, int kd,
-                                         float* s, int lds) {
-  __m512 acc[R][NV];
-#pragma GCC unroll 6
-  for (int r = 0; r < R; ++r)
-#pragma GCC unroll 4
-    for (int v = 0; v < NV; ++v) acc[r][v] = _mm512_setzero_ps();
-  for (int d = 0; d < kd; ++d) {
-    __m512 kv[NV];
-#pragma GCC unroll 4
-    for (int v = 0; v < NV; ++v) kv[v] = _mm512_loadu_ps(k + d * ldk + 16 * v);
-#pragma GCC unroll 6
-    for (int r = 0; r < R; ++r) {
-      const __m512 qb = _mm512_set1_ps(q[r * ldq + d]);
-#pragma GCC unroll 4
-      for (int v = 0; v < NV; ++v) acc[r][v] = _mm512_fmadd_ps(qb, kv[v], acc[r][v]);
-    }
-  }
-#pragma GCC unroll 6
-  for (int r = 0; r < R; ++r)
-#pragma GCC unroll 4
-    for (int v = 0; v < NV; ++v) _mm512_storeu_ps(s + r * lds + 16 * v, acc[r][v]);
-}
-
-template <int R, int NV>
-VORTA_TARGET_AVX512 void value_kernel512(const float* p, int ldp, const float* v, int64_t ldv,
-                                         int n, float* o, int ldo, const float* corr) {
-  __m512 acc[R][NV];
-#pragma GCC unroll 6
-  for (int r = 0; r < R; ++r) {
-    const __m512 c = _mm512_set1_ps(corr[r]);
-#pragma GCC unroll 4
-    for (int u = 0; u < NV; ++u)
-      acc[r][u] = _mm512_mul_ps(_mm512_loadu_ps(o + r * ldo + 16 * u), c);
-  }
-  for (int j = 0; j < n; ++j) {
-    __m512 vv[NV];
-#pragma GCC unroll 4
-    for (int u = 0; u < NV; ++u) vv[u] = _mm512_loadu_ps(v + j * ldv + 16 * u);
-#pragma GCC unroll 6
-    for (int r = 0; r < R; ++r) {
-      const __m512 pb = _mm512_set1_ps(p[r * ldp + j]);
-#pragma GCC unroll 4
-      for (int u = 0; u < NV; ++u) acc[r][u] = _mm512_fmadd_ps(pb, vv[u], acc[r][u]);
-    }
-  }
-#pragma GCC unroll 6
-  for (int r = 0; r < R; ++r)
-#pragma GCC unroll 4
-    for (int u = 0; u < NV; ++u) _mm512_storeu_ps(o + r * ldo + 16 * u, acc[r][u]);
-}
-
-// e^x as exp() does it, on 16 lanes.
-VORTA_TARGET_AVX512 inline __m512 exp16(__m512 x) {
-  const __m512 lo = _mm512_set1_ps(kExpMin);
-  const __mmask16 under = _mm512_cmp_ps_mask(x, lo, _CMP_LT_OQ);
-  __m512 xv = _mm512_min_ps(_mm512_set1_ps(kExpMax), _mm512_max_ps(lo, x));
-  __m512 fx = _mm512_roundscale_ps(_mm512_mul_ps(xv, _mm512_set1_ps(kLog2e)),
-                                   _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC);
-  __m512 r = _mm512_fnmadd_ps(fx, _mm512_set1_ps(kLn2Hi), xv);
-  r = _mm512_fnmadd_ps(fx, _mm512_set1_ps(kLn2Lo), r);
-  __m512 y = _mm512_set1_ps(kExpPoly[0]);
-  for (int i = 1; i < 6; ++i) y = _mm512_fmadd_ps(y, r, _mm512_set1_ps(kExpPoly[i]));
-  y = _mm512_fmadd_ps(y, _mm512_mul_ps(r, r), r);
-  y = _mm512_add_ps(y, _mm512_set1_ps(1.0f));
-  return _mm512_maskz_mov_ps(_mm512_knot(under), _mm512_scalef_ps(y, fx));
-}
-
-VORTA_TARGET_AVX512 inline float reduce_max16(__m512 x) {
-  return reduce_max(max(Vec8{_mm512_castps512_ps256(x)}, high_half(x)));
-}
-VORTA_TARGET_AVX512 inline float reduce_add16(__m512 x) {
-  return reduce_add(Vec8{_mm512_castps512_ps256(x)} + high_half(x));
-}
-
-// One row of a tile without soft-capping: scores scaled, masked (keys from
-// lim on excluded), turned into probabilities against the updated maximum m;
-// updates m and l and returns the rescaling of earlier sums.
-template <typename T>
-VORTA_TARGET_AVX512 float softmax_row512(float* s, int lim, int computed, const T* mask,
-                                         float scale, float& m, float& l) {
-  const __m512 sc = _mm512_set1_ps(scale);
-  const __m512 neg_inf = _mm512_set1_ps(-std::numeric_limits<float>::infinity());
-  __m512 mx = neg_inf;
-  for (int j = 0; j < computed; j += 16) {
-    __m512 x = _mm512_mul_ps(_mm512_loadu_ps(s + j), sc);
-    if (mask) x = _mm512_add_ps(x, load16(mask + j));
-    const int valid = std::max(0, std::min(16, lim - j));
-    x = _mm512_mask_mov_ps(neg_inf, __mmask16((1u << valid) - 1u), x);
-    _mm512_storeu_ps(s + j, x);
-    mx = _mm512_max_ps(mx, x);
-  }
-  const float m_new = std::max(m, reduce_max16(mx));
-  // Nothing visible yet: keep the zero sums (and no -inf - -inf).
-  if (m_new == -std::numeric_limits<float>::infinity()) {
-    for (int j = 0; j < computed; j += 16) _mm512_storeu_ps(s + j, _mm512_setzero_ps());
-    return 1.0f;
-  }
-  const float corr = _mm512_cvtss_f32(exp16(_mm512_set1_ps(m - m_new)));
-  const __m512 mv = _mm512_set1_ps(m_new);
-  __m512 sum = _mm512_setzero_ps();
-  for (int j = 0; j < computed; j += 16) {
-    const __m512 e = exp16(_mm512_sub_ps(_mm512_loadu_ps(s + j), mv));
-    _mm512_storeu_ps(s + j, e);
-    sum = _mm512_add_ps(sum, e);
-  }
-  l = l * corr + reduce_add16(sum);
-  m = m_new;
-  return corr;
-}
-
-#pragma GCC diagnostic pop
-#endif
 
 template <typename F>
 inline void with_nv(int nv, F&& f) {
@@ -234,8 +51,8 @@ class Worker {
         corr_(kBlockRows),
         k_(std::is_same_v<KV, float> ? 0 : size_t(kd_) * kTile),
         v_(std::is_same_v<KV, float> ? 0 : size_t(kTile) * vd_) {
-#if VORTA_ATTN_AVX512
-    wide_ = have_avx512();
+#if VORTA_AVX512
+    wide_ = avx512::have_avx512();
 #endif
   }
 
@@ -255,7 +72,7 @@ class Worker {
       softmax(b, h, q0, t0, rows, n);
       int64_t ldv = 0;
       const float* vt = value_tile(b, hk, t0, n, ldv);
-#if VORTA_ATTN_AVX512
+#if VORTA_AVX512
       if (wide_) {
         for (int c = 0; c < vd_;) {
           const int nv = vd_ - c >= 64 ? 4 : vd_ - c >= 32 ? 2 : 1;
@@ -316,7 +133,7 @@ class Worker {
   }
 
   void scores(const float* kt, int rows, int n) {
-#if VORTA_ATTN_AVX512
+#if VORTA_AVX512
     if (wide_) {
       // The whole tile in one pass, its first half alone when that is all it holds.
       const int step = n > 32 ? 64 : 32;
@@ -354,7 +171,7 @@ class Worker {
       const T* mask = p_.mask ? p_.mask + b * p_.m_stride[0] + h * p_.m_stride[1] +
                                     row * p_.m_stride[2] + t0
                               : nullptr;
-#if VORTA_ATTN_AVX512
+#if VORTA_AVX512
       if (wide_ && !(p_.softcap > 0.0f)) {
         corr_[r] = softmax_row512(s, lim, computed, mask, p_.scale, m_[r], l_[r]);
         continue;
@@ -365,7 +182,7 @@ class Worker {
       int j = 0;
       for (; j < vec_end; j += 8) {
         Vec8 x = Vec8::load(s + j) * scale;
-        if (p_.softcap > 0.0f) x = cap * tanh8(x / cap);
+        if (p_.softcap > 0.0f) x = cap * tanh(x / cap);
         if (mask) x = x + Vec8::load(mask + j);
         x.store(s + j);
         mx = max(mx, x);
@@ -389,7 +206,7 @@ class Worker {
       const Vec8 mv = Vec8::broadcast(m_new);
       Vec8 sum = Vec8::zero();
       for (j = 0; j < computed; j += 8) {
-        const Vec8 e = exp(Vec8::load(s + j) - mv);
+        const Vec8 e = fast_exp(Vec8::load(s + j) - mv);
         e.store(s + j);
         sum = sum + e;
       }
@@ -449,4 +266,4 @@ void run_attention(const AttentionProblem<T, KV>& p) {
   });
 }
 
-}  // namespace vorta::cpu::attn
+}  // namespace vorta::cpu::prefill

@@ -4,19 +4,20 @@
 
 #include "common/kv_codes.h"
 #include "common/numeric.h"
-#include "cpu/attention_vec.h"
+#include "cpu/simd/exp.h"
+#include "cpu/simd/vec8.h"
 
 using vorta::cpu::Vec8;
 
-TEST(AttentionVec, ExpIsWithinTwoUlpAndZeroBelowTheNormalRange) {
+TEST(Simd, FastExpIsWithinTwoUlpAndZeroBelowTheNormalRange) {
   for (float x = -87.3f; x <= 0.0f; x += 0.0137f) {
     const double exact = std::exp(double(x));
     const double ulp = std::ldexp(1.0, std::ilogb(exact) - 23);
-    EXPECT_LE(std::fabs(vorta::cpu::exp(Vec8::broadcast(x))[3] - exact), 2 * ulp) << x;
+    EXPECT_LE(std::fabs(vorta::cpu::fast_exp(Vec8::broadcast(x))[3] - exact), 2 * ulp) << x;
   }
-  EXPECT_EQ(vorta::cpu::exp(Vec8::broadcast(0.0f))[0], 1.0f);
-  EXPECT_EQ(vorta::cpu::exp(Vec8::broadcast(-90.0f))[5], 0.0f);
-  EXPECT_EQ(vorta::cpu::exp(Vec8::broadcast(-INFINITY))[7], 0.0f);
+  EXPECT_EQ(vorta::cpu::fast_exp(Vec8::broadcast(0.0f))[0], 1.0f);
+  EXPECT_EQ(vorta::cpu::fast_exp(Vec8::broadcast(-90.0f))[5], 0.0f);
+  EXPECT_EQ(vorta::cpu::fast_exp(Vec8::broadcast(-INFINITY))[7], 0.0f);
 }
 
 template <class Code>
@@ -24,18 +25,18 @@ void expect_codes_widen_like_decode() {
   uint8_t bytes[256];
   for (int b = 0; b < 256; ++b) bytes[b] = uint8_t(b);
   for (int b = 0; b < 256; b += 8) {
-    const Vec8 v = vorta::cpu::load_codes<Code>(bytes + b);
+    const Vec8 v = vorta::cpu::widen_codes<Code>(bytes + b);
     for (int i = 0; i < 8; ++i)
       EXPECT_EQ(v[i], vorta::half_bits_to_float(vorta::kv::decode<Code>(uint8_t(b + i)))) << b + i;
   }
 }
 
-TEST(AttentionVec, EveryCodeWidensToItsDecodedValue) {
+TEST(Simd, EveryCodeWidensToItsDecodedValue) {
   expect_codes_widen_like_decode<vorta::kv::KeyCode>();
   expect_codes_widen_like_decode<vorta::kv::ValueCode>();
 }
 
-TEST(AttentionVec, TransposeAddSumsEachVector) {
+TEST(Simd, TransposeAddSumsEachVector) {
   Vec8 a[8];
   for (int t = 0; t < 8; ++t) a[t] = Vec8::broadcast(float(t + 1));
   const Vec8 s = vorta::cpu::transpose_add(a);

@@ -2,13 +2,32 @@
 #include <algorithm>
 #include <cassert>
 
-#include "cpu/attention.h"
-#include "cpu/attention_simd.h"
+#include "common/kv_codes.h"
 #include "cpu/parallel.h"
+#include "cpu/prefill/problem.h"
+#include "cpu/simd/vec8.h"
 
 namespace vorta::cpu {
+namespace {
 
-using attn::Elem;
+// Eight consecutive source elements as floats; Src is the element type, or
+// the tag of an 8-bit code.
+template <typename Src>
+struct Elem {
+  using type = Src;
+  static Vec8 load8(const Src* p) { return Vec8::load(p); }
+};
+template <class Code>
+struct CodeElem {
+  using type = uint8_t;
+  static Vec8 load8(const uint8_t* p) { return widen_codes<Code>(p); }
+};
+template <>
+struct Elem<KeyBytes> : CodeElem<kv::KeyCode> {};
+template <>
+struct Elem<ValueBytes> : CodeElem<kv::ValueCode> {};
+
+}  // namespace
 
 template <typename Src, typename Dst>
 void transpose_key_tiles(const void* src, const int64_t src_stride[3], Dst* dst,
@@ -34,7 +53,7 @@ void transpose_key_tiles(const void* src, const int64_t src_stride[3], Dst* dst,
           for (int i = 0; i < 8; ++i)
             r[i] = (pos + i < L && c0 < d_in) ? Elem<Src>::load8(rows + (pos + i) * s2 + c0)
                                               : Vec8::zero();
-          attn::transpose8(r);
+          transpose8(r);
           for (int i = 0; i < 8; ++i) r[i].store(out + (c0 + i) * block + p0);
         }
       }

@@ -1,0 +1,84 @@
+// How decode attention divides a call: row tiles of the query heads that share
+// a key/value head, and key ranges cut into chunks when there are too few
+// tiles to keep every thread busy; and how the parts of a row meet again.
+#pragma once
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <vector>
+
+#include "cpu/decode/tile.h"
+#include "cpu/simd/vec8.h"
+
+namespace vorta::cpu::decode {
+
+inline constexpr int64_t kTargetUnits = 64;    // work items per call: balances any common thread count
+inline constexpr int64_t kMinChunkKeys = 256;  // shortest key range worth a work item of its own
+inline constexpr int64_t kForkWork = 1 << 16;  // multiply-adds that pay for handing work to another thread
+
+inline int64_t ceil_div(int64_t a, int64_t b) { return (a + b - 1) / b; }
+
+// Items per task for a parallel loop whose items cost `work` multiply-adds
+// each: small calls stay on the calling thread.
+inline int64_t grain(int64_t work) { return ceil_div(kForkWork, std::max<int64_t>(work, 1)); }
+
+// The work of a call: (batch, key/value head, row tile) triples, each with
+// its key range cut into `chunks` runs of whole blocks.
+struct Split {
+  int64_t group, rows, tile, tiles, pairs, nblocks, per_chunk, chunks;
+
+  Split(int64_t bsz, int64_t num_heads, int64_t kv_heads, int64_t seq_length, int64_t kv_len,
+        int64_t min_chunk_keys) {
+    group = num_heads / kv_heads;
+    rows = group * seq_length;
+    tile = std::max<int64_t>(1, std::min(rows, kMaxRows));
+    tiles = ceil_div(rows, tile);
+    pairs = bsz * kv_heads * tiles;
+    nblocks = ceil_div(kv_len, kBlock);
+    // Few pairs: cut the keys too, so that one sequence keeps every thread
+    // busy. The cut depends on the shapes only, never on the thread count, so
+    // results do not change with torch.set_num_threads.
+    const int64_t wanted = std::max<int64_t>(1, ceil_div(kTargetUnits, std::max<int64_t>(pairs, 1)));
+    chunks = std::min(wanted, std::max<int64_t>(1, ceil_div(kv_len, min_chunk_keys)));
+    per_chunk = std::max<int64_t>(1, ceil_div(nblocks, chunks));
+    chunks = std::max<int64_t>(1, ceil_div(nblocks, per_chunk));
+  }
+
+  int64_t units() const { return pairs * chunks; }
+  // Multiply-adds of one unit, at most.
+  int64_t unit_work(int64_t d, int64_t dv) const { return tile * per_chunk * kBlock * (d + dv); }
+
+  // Unit u: rows [row0, row0 + n) of the tile of (batch, key/value head) pair
+  // bg = b * kv_heads + g, over key blocks [blk0, blk1).
+  struct Unit {
+    int64_t bg, row0, n, blk0, blk1;
+  };
+  Unit unit(int64_t u) const {
+    const int64_t pair = u / chunks, c = u % chunks, row0 = (pair % tiles) * tile;
+    return {pair / tiles, row0, std::min(tile, rows - row0), c * per_chunk, std::min(nblocks, (c + 1) * per_chunk)};
+  }
+};
+
+// Combines parts of one row, each the softmax over its own keys: part c has
+// maximum stats[c * step], exp sum stats[c * step + 1] and result row
+// rows + c * rows_step. out = sum_c w_c row_c / sum_c w_c, w_c = sum_c * exp(max_c - M).
+template <typename R, typename T>
+void combine_row(int64_t parts, const float* stats, int64_t step, const R* rows, int64_t rows_step,
+                 int64_t dv, T* out, std::vector<float>& acc) {
+  float top = -INFINITY;
+  for (int64_t c = 0; c < parts; ++c) top = std::max(top, stats[c * step]);
+  acc.assign(dv, 0.0f);
+  float total = 0.0f;
+  for (int64_t c = 0; c < parts; ++c) {
+    const float w = stats[c * step + 1] * std::exp(stats[c * step] - top);
+    total += w;
+    const Vec8 wv = Vec8::broadcast(w);
+    for (int64_t i = 0; i < dv; i += 8)
+      fmadd(wv, Vec8::load(rows + c * rows_step + i), Vec8::load(&acc[i])).store(&acc[i]);
+  }
+  const Vec8 t = Vec8::broadcast(total);
+  for (int64_t i = 0; i < dv; i += 8) (Vec8::load(&acc[i]) / t).store(out + i);
+}
+
+}  // namespace vorta::cpu::decode
