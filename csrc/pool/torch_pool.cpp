@@ -1,7 +1,8 @@
-// torch's intra-op thread pool behind the CPU backend's parallel_for.
-#include "cpu/parallel.h"
-
+// cpu/parallel.h on torch's intra-op thread pool: the module's pool, so that
+// the kernels use the threads torch.set_num_threads configures.
 #include <ATen/Parallel.h>
+
+#include "cpu/parallel.h"
 
 namespace vorta::cpu {
 
