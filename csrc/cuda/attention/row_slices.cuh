@@ -13,7 +13,7 @@
 
 #include <cstdint>
 
-#include "cuda/attention/convert.cuh"
+#include "cuda/attention/memory.cuh"
 
 namespace vorta::cuda::attn {
 
@@ -40,30 +40,6 @@ struct RowSlices {
                          : kRow2 + ((i - kSlice2) / 2) * kRun2 + lane * 2 + (i - kSlice2) % 2;
   }
 };
-
-// Global loads of read-once data: not kept in L1.
-__device__ __forceinline__ uint4 ld_stream_16(const void* p) {
-  uint4 v;
-  asm volatile("ld.global.nc.L1::no_allocate.v4.u32 {%0, %1, %2, %3}, [%4];\n"
-               : "=r"(v.x), "=r"(v.y), "=r"(v.z), "=r"(v.w)
-               : "l"(p));
-  return v;
-}
-__device__ __forceinline__ uint2 ld_stream_8(const void* p) {
-  uint2 v;
-  asm volatile("ld.global.nc.L1::no_allocate.v2.u32 {%0, %1}, [%2];\n" : "=r"(v.x), "=r"(v.y) : "l"(p));
-  return v;
-}
-__device__ __forceinline__ uint32_t ld_stream_4(const void* p) {
-  uint32_t v;
-  asm volatile("ld.global.nc.L1::no_allocate.u32 %0, [%1];\n" : "=r"(v) : "l"(p));
-  return v;
-}
-__device__ __forceinline__ uint32_t ld_stream_2(const void* p) {
-  unsigned short v;
-  asm volatile("ld.global.nc.L1::no_allocate.u16 %0, [%1];\n" : "=h"(v) : "l"(p));
-  return v;
-}
 
 // Loads lane's slice of the row at `row` into w; zeros when !valid.
 // `wide`: the row address is 16-byte aligned (else byte loads).

@@ -7,7 +7,8 @@
 #include <cstdint>
 #include <type_traits>
 
-#include "cuda/attention/convert.cuh"
+#include "cuda/attention/launch.cuh"
+#include "cuda/attention/memory.cuh"
 #include "cuda/common/mma.cuh"
 #include "cuda/decode.h"
 #include "cuda/decode/split.h"
@@ -103,8 +104,7 @@ template <typename T, typename P>
 cudaError_t launch_combine(const CombineArgs<T, P>& a, cudaStream_t stream) {
   if (a.value_head_dim > 32 * kMaxValuePerLane) return cudaErrorInvalidValue;
   const unsigned blocks = unsigned((a.rows + kCombineWarps - 1) / kCombineWarps);
-  combine_kernel<T, P><<<blocks, kCombineWarps * 32, 0, stream>>>(a);
-  return cudaGetLastError();
+  return attn::launch_kernel(combine_kernel<T, P>, dim3(blocks), dim3(kCombineWarps * 32), 0, stream, a);
 }
 
 }  // namespace decode

@@ -1,5 +1,5 @@
 // Decode split kernels for head size 128.
-#include "cuda/decode/split_kernels.cuh"
+#include "cuda/decode/split_launch.cuh"
 
 namespace vorta::cuda::decode {
 VORTA_DECODE_INSTANTIATE(128)

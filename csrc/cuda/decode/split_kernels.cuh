@@ -18,7 +18,7 @@
 #include <type_traits>
 
 #include "common/kv_codes.h"
-#include "cuda/attention/convert.cuh"
+#include "cuda/attention/memory.cuh"
 #include "cuda/attention/row_slices.cuh"
 #include "cuda/common/kv_code_pairs.cuh"
 #include "cuda/common/mma.cuh"
@@ -485,23 +485,5 @@ __global__ void __launch_bounds__(kWarps * 32) split_kernel(const SplitArgs<T, C
     }
   }
 }
-
-template <typename T, typename C, int DK, int DV>
-cudaError_t launch_split(const SplitArgs<T, C>& a, cudaStream_t stream) {
-  const dim3 grid(unsigned((a.rows + kChunkRows - 1) / kChunkRows), unsigned(a.nsplit),
-                  unsigned(a.in.bsz * a.in.kv_heads));
-  split_kernel<T, C, DK, DV><<<grid, kWarps * 32, 0, stream>>>(a);
-  return cudaGetLastError();
-}
-
-// The four (query, cache) element pairs of one head size; the 8-bit codes alone
-// also serve 192-component keys with 128-component values.
-#define VORTA_DECODE_INSTANTIATE_CODES(DK, DV)                                                             \
-  template cudaError_t launch_split<float, uint8_t, DK, DV>(const SplitArgs<float, uint8_t>&, cudaStream_t); \
-  template cudaError_t launch_split<half, uint8_t, DK, DV>(const SplitArgs<half, uint8_t>&, cudaStream_t);
-#define VORTA_DECODE_INSTANTIATE(D)                                                                     \
-  template cudaError_t launch_split<float, float, D, D>(const SplitArgs<float, float>&, cudaStream_t);   \
-  template cudaError_t launch_split<half, half, D, D>(const SplitArgs<half, half>&, cudaStream_t);       \
-  VORTA_DECODE_INSTANTIATE_CODES(D, D)
 
 }  // namespace vorta::cuda::decode

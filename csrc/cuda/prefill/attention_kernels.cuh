@@ -26,7 +26,7 @@
 #include <type_traits>
 
 #include "common/kv_codes.h"
-#include "cuda/attention/convert.cuh"
+#include "cuda/attention/memory.cuh"
 #include "cuda/common/kv_code_pairs.cuh"
 #include "cuda/common/mma.cuh"
 #include "cuda/prefill/kernel_args.h"
@@ -134,7 +134,7 @@ __global__ void __launch_bounds__(kThreads) mma_prefill_kernel(const KernelArgs<
   using Cfg = MmaConfig<C, DK, DV>;
   constexpr int WM = Cfg::kWarpTiles, BM = Cfg::kBlockRows, BN = Cfg::kTileKeys;
   constexpr int PK = Cfg::kPitchK, PV = Cfg::kPitchV;
-  extern __shared__ __align__(16) uint8_t smem[];
+  uint8_t* smem = attn::dynamic_smem();
   const PrefillParams<half, C>& p = a.p;
   const int warp = threadIdx.x / 32, lane = threadIdx.x % 32, g = lane / 4, t = lane % 4;
   const int qb = p.causal ? int(gridDim.x - 1 - blockIdx.x) : int(blockIdx.x);  // longest blocks first
@@ -400,7 +400,7 @@ __global__ void __launch_bounds__(kThreads) simt_prefill_kernel(const KernelArgs
   using Cfg = SimtConfig<C, DK, DV>;
   constexpr int R = Cfg::kRowsPerThread, BM = Cfg::kBlockRows, BN = Cfg::kTileKeys;
   constexpr int PK = Cfg::kPitchK, PV = Cfg::kPitchV, PP = Cfg::kPitchP, VEC = Cfg::kVec;
-  extern __shared__ __align__(16) float fsmem[];
+  float* fsmem = reinterpret_cast<float*>(attn::dynamic_smem());
   float* q_s = fsmem;
   float* k_s = q_s + BM * PK;
   float* v_s = k_s + BN * PK;
@@ -541,39 +541,5 @@ __global__ void __launch_bounds__(kThreads) simt_prefill_kernel(const KernelArgs
       }
   }
 }
-
-template <typename T, typename C, int DK, int DV>
-cudaError_t launch_prefill(const KernelArgs<T, C>& a, cudaStream_t stream) {
-  constexpr bool kMma = std::is_same_v<T, half>;
-  using Cfg = std::conditional_t<kMma, MmaConfig<C, DK, DV>, SimtConfig<C, DK, DV>>;
-  const auto kernel = [] {
-    if constexpr (kMma)
-      return mma_prefill_kernel<C, DK, DV>;
-    else
-      return simt_prefill_kernel<C, DK, DV>;
-  }();
-  // Raising the dynamic shared memory limit is per device and idempotent.
-  int device = 0;
-  if (cudaError_t err = cudaGetDevice(&device); err != cudaSuccess) return err;
-  static uint64_t raised = 0;  // bit per device (devices >= 64 ask every time)
-  if (device >= 64 || !(__atomic_load_n(&raised, __ATOMIC_ACQUIRE) >> device & 1u)) {
-    if (cudaError_t err = cudaFuncSetAttribute(kernel, cudaFuncAttributeMaxDynamicSharedMemorySize, Cfg::kSmem);
-        err != cudaSuccess)
-      return err;
-    if (device < 64) __atomic_fetch_or(&raised, uint64_t(1) << device, __ATOMIC_RELEASE);
-  }
-  const dim3 grid(unsigned((a.p.q_len + Cfg::kBlockRows - 1) / Cfg::kBlockRows), unsigned(a.p.num_heads),
-                  unsigned(a.p.bsz));
-  kernel<<<grid, kThreads, Cfg::kSmem, stream>>>(a);
-  return cudaGetLastError();
-}
-
-#define VORTA_PREFILL_INSTANTIATE_CODES(DK, DV)                                                              \
-  template cudaError_t launch_prefill<float, uint8_t, DK, DV>(const KernelArgs<float, uint8_t>&, cudaStream_t); \
-  template cudaError_t launch_prefill<half, uint8_t, DK, DV>(const KernelArgs<half, uint8_t>&, cudaStream_t);
-#define VORTA_PREFILL_INSTANTIATE(D)                                                                     \
-  template cudaError_t launch_prefill<float, float, D, D>(const KernelArgs<float, float>&, cudaStream_t);   \
-  template cudaError_t launch_prefill<half, half, D, D>(const KernelArgs<half, half>&, cudaStream_t);       \
-  VORTA_PREFILL_INSTANTIATE_CODES(D, D)
 
 }  // namespace vorta::cuda::prefill

@@ -1,5 +1,5 @@
 // Prefill attention kernels for head size 64.
-#include "cuda/prefill/attention_kernels.cuh"
+#include "cuda/prefill/launch.cuh"
 
 namespace vorta::cuda::prefill {
 VORTA_PREFILL_INSTANTIATE(64)
