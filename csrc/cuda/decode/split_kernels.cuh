@@ -19,6 +19,7 @@
 
 #include "common/kv_codes.h"
 #include "cuda/attention/memory.cuh"
+#include "cuda/attention/online_softmax.cuh"
 #include "cuda/attention/row_slices.cuh"
 #include "cuda/common/kv_code_pairs.cuh"
 #include "cuda/common/mma.cuh"
@@ -26,7 +27,8 @@
 
 namespace vorta::cuda::decode {
 
-inline constexpr float kLog2e = 1.4426950408889634f;
+using attn::kLog2e;
+using attn::rescale;
 inline constexpr float kNegInf = -INFINITY;
 
 // What a CTA's warps leave for the final combine: per warp and chunk row the
@@ -83,16 +85,6 @@ __device__ __forceinline__ float score(float dot, const T* mask_row, int key, in
   float s = dot * scale_log2;
   if (mask_row) s = fmaf(attn::load_float(mask_row + key), kLog2e, s);
   return s;
-}
-
-// New running maximum m, the factor 2^(old - new) for earlier sums, and the
-// reference the exponentials take (0 while nothing is visible, so no -inf - -inf).
-__device__ __forceinline__ float rescale(float& m, float tile_max, float& ref) {
-  const float m_new = fmaxf(m, tile_max);
-  ref = m_new == kNegInf ? 0.0f : m_new;
-  const float alpha = fast_exp2(m - ref);
-  m = m_new;
-  return alpha;
 }
 
 // --- half queries: tensor cores --------------------------------------------

@@ -27,6 +27,7 @@
 
 #include "common/kv_codes.h"
 #include "cuda/attention/memory.cuh"
+#include "cuda/attention/online_softmax.cuh"
 #include "cuda/common/kv_code_pairs.cuh"
 #include "cuda/common/mma.cuh"
 #include "cuda/prefill/kernel_args.h"
@@ -34,21 +35,13 @@
 namespace vorta::cuda::prefill {
 
 inline constexpr int kThreads = 128;
-inline constexpr float kLog2e = 1.4426950408889634f;
+using attn::kLog2e;
+using attn::rescale;
 
 // Scaled (and capped) score in base-2 units, before the mask.
 template <typename T, typename C>
 __device__ __forceinline__ float scaled(float dot, const KernelArgs<T, C>& a) {
   return a.p.softcap > 0.0f ? a.cap_log2 * tanhf(dot * a.cap_scale) : dot * a.score_log2;
-}
-
-// Running maximum update; see the decode kernels.
-__device__ __forceinline__ float rescale(float& m, float tile_max, float& ref) {
-  const float m_new = fmaxf(m, tile_max);
-  ref = m_new == -INFINITY ? 0.0f : m_new;
-  const float alpha = fast_exp2(m - ref);
-  m = m_new;
-  return alpha;
 }
 
 // Copies rows [0, kRows) x elements [0, kWidth) of a global matrix (row
@@ -186,6 +179,10 @@ __global__ void __launch_bounds__(kThreads) mma_prefill_kernel(const KernelArgs<
     for (int n = 0; n < DV / 8; ++n) o[i][n][0] = o[i][n][1] = o[i][n][2] = o[i][n][3] = 0.0f;
   }
   const half* mask = p.mask ? p.mask + b * p.mask_stride[0] + h * p.mask_stride[1] : nullptr;
+  // Plain: no mask, no cap and a positive scale, so that the largest dot
+  // product is the largest score; `unit` scales what the exponential takes.
+  const bool plain = !mask && !(p.softcap > 0.0f) && a.score_log2 > 0.0f;
+  const float unit = plain ? a.score_log2 : 1.0f;
   // ldmatrix row addresses: Q as A (rows lane % 16, column half lane / 16), K
   // as B (keys 8 * (lane / 16) + lane % 8, column half (lane / 8) % 2), V as
   // B through .trans (keys 8 * ((lane / 8) % 2) + lane % 8, columns 8 * (lane / 16)).
@@ -234,8 +231,11 @@ __global__ void __launch_bounds__(kThreads) mma_prefill_kernel(const KernelArgs<
     }
 
     // Online softmax on the accumulators: element c of n-tile n is row
-    // g + 8 * (c / 2), key kb + 8 * n + 2 * t + c % 2.
+    // g + 8 * (c / 2), key kb + 8 * n + 2 * t + c % 2. Plain calls keep the
+    // raw dot products until the exponent's FMA; the others turn them into
+    // base-2 scores first.
     const bool edge = kb + BN > kv_len || (p.causal && kb + BN - 1 > row0);
+    float alpha[WM][2];
 #pragma unroll
     for (int i = 0; i < WM; ++i) {
       float mx[2] = {-INFINITY, -INFINITY};
@@ -246,14 +246,17 @@ __global__ void __launch_bounds__(kThreads) mma_prefill_kernel(const KernelArgs<
 #pragma unroll
         for (int n = 0; n < BN / 8; ++n) {
           const int key = kb + 8 * n + 2 * t;
-          float x0 = scaled(s[i][n][2 * hf], a), x1 = scaled(s[i][n][2 * hf + 1], a);
-          if (mr) {
-            if (a.mask_pairs && key + 1 < kv_len) {
-              const float2 mv = __half22float2(*reinterpret_cast<const __half2*>(mr + key));
-              x0 = fmaf(mv.x, kLog2e, x0), x1 = fmaf(mv.y, kLog2e, x1);
-            } else {
-              if (key < kv_len) x0 = fmaf(attn::load_float(mr + key), kLog2e, x0);
-              if (key + 1 < kv_len) x1 = fmaf(attn::load_float(mr + key + 1), kLog2e, x1);
+          float x0 = s[i][n][2 * hf], x1 = s[i][n][2 * hf + 1];
+          if (!plain) {
+            x0 = scaled(x0, a), x1 = scaled(x1, a);
+            if (mr) {
+              if (a.mask_pairs && key + 1 < kv_len) {
+                const float2 mv = __half22float2(*reinterpret_cast<const __half2*>(mr + key));
+                x0 = fmaf(mv.x, kLog2e, x0), x1 = fmaf(mv.y, kLog2e, x1);
+              } else {
+                if (key < kv_len) x0 = fmaf(attn::load_float(mr + key), kLog2e, x0);
+                if (key + 1 < kv_len) x1 = fmaf(attn::load_float(mr + key + 1), kLog2e, x1);
+              }
             }
           }
           if (edge) {
@@ -269,19 +272,28 @@ __global__ void __launch_bounds__(kThreads) mma_prefill_kernel(const KernelArgs<
         mx[hf] = fmaxf(mx[hf], __shfl_xor_sync(0xffffffffu, mx[hf], 1));
         mx[hf] = fmaxf(mx[hf], __shfl_xor_sync(0xffffffffu, mx[hf], 2));
         float ref;
-        const float alpha = rescale(m[i][hf], mx[hf], ref);
+        alpha[i][hf] = rescale(m[i][hf], plain ? mx[hf] * a.score_log2 : mx[hf], ref);
         float sum = 0.0f;
 #pragma unroll
         for (int n = 0; n < BN / 8; ++n) {
-          s[i][n][2 * hf] = fast_exp2(s[i][n][2 * hf] - ref);
-          s[i][n][2 * hf + 1] = fast_exp2(s[i][n][2 * hf + 1] - ref);
+          s[i][n][2 * hf] = fast_exp2(fmaf(s[i][n][2 * hf], unit, -ref));
+          s[i][n][2 * hf + 1] = fast_exp2(fmaf(s[i][n][2 * hf + 1], unit, -ref));
           sum += s[i][n][2 * hf] + s[i][n][2 * hf + 1];
         }
-        l[i][hf] = fmaf(l[i][hf], alpha, sum);  // this thread's keys; the group's sum at the end
-#pragma unroll
-        for (int n = 0; n < DV / 8; ++n) o[i][n][2 * hf] *= alpha, o[i][n][2 * hf + 1] *= alpha;
+        l[i][hf] = fmaf(l[i][hf], alpha[i][hf], sum);  // this thread's keys; the group's sum at the end
       }
     }
+    // The accumulators change scale only when some row's maximum moved.
+    bool moved = false;
+#pragma unroll
+    for (int i = 0; i < WM; ++i) moved |= alpha[i][0] != 1.0f || alpha[i][1] != 1.0f;
+    if (__any_sync(0xffffffffu, moved))
+#pragma unroll
+      for (int i = 0; i < WM; ++i)
+#pragma unroll
+        for (int n = 0; n < DV / 8; ++n)
+          o[i][n][0] *= alpha[i][0], o[i][n][1] *= alpha[i][0], o[i][n][2] *= alpha[i][1],
+              o[i][n][3] *= alpha[i][1];
 
     // P rounded to half is the A operand of O += P V as it stands: n-tiles
     // 2kk and 2kk + 1 are the two column halves of k16 block kk.
@@ -396,7 +408,7 @@ __device__ __forceinline__ void load_rows(float* dst, int pitch, const G* src, i
 }
 
 template <typename C, int DK, int DV>
-__global__ void __launch_bounds__(kThreads) simt_prefill_kernel(const KernelArgs<float, C> a) {
+__global__ void __launch_bounds__(kThreads, 2) simt_prefill_kernel(const KernelArgs<float, C> a) {
   using Cfg = SimtConfig<C, DK, DV>;
   constexpr int R = Cfg::kRowsPerThread, BM = Cfg::kBlockRows, BN = Cfg::kTileKeys;
   constexpr int PK = Cfg::kPitchK, PV = Cfg::kPitchV, PP = Cfg::kPitchP, VEC = Cfg::kVec;
