@@ -17,7 +17,7 @@
 
 namespace vorta::cpu::attn {
 
-constexpr int kTile = 64;       // keys per tile
+constexpr int kTile = kKeyTile;  // keys per tile
 constexpr int kBlockRows = 96;  // query rows per task
 constexpr int kMr = 6;          // query rows per micro-kernel call
 // The running maximum starts below every score, so that rows whose scores all
@@ -219,21 +219,6 @@ inline void with_nv(int nv, F&& f) {
   }
 }
 
-// Rows [0, n) of a row-major KV matrix (row stride ld, kd columns) into a
-// component-major [kd][kTile] float tile; rows n .. kTile-1 become zero.
-template <typename KV>
-void rows_to_tile(const KV* src, int64_t ld, int n, int kd, float* dst) {
-  Vec8 r[8];
-  for (int p0 = 0; p0 < kTile; p0 += 8) {
-    for (int d0 = 0; d0 < kd; d0 += 8) {
-      for (int i = 0; i < 8; ++i)
-        r[i] = p0 + i < n ? Elem<KV>::load8(src + (p0 + i) * ld + d0) : Vec8::zero();
-      transpose8(r);
-      for (int i = 0; i < 8; ++i) r[i].store(dst + (d0 + i) * kTile + p0);
-    }
-  }
-}
-
 template <typename T, typename KV>
 class Worker {
  public:
@@ -247,7 +232,7 @@ class Worker {
         m_(kBlockRows),
         l_(kBlockRows),
         corr_(kBlockRows),
-        k_(need_key_copy() ? size_t(kd_) * kTile : 0),
+        k_(std::is_same_v<KV, float> ? 0 : size_t(kd_) * kTile),
         v_(std::is_same_v<KV, float> ? 0 : size_t(kTile) * vd_) {
 #if VORTA_ATTN_AVX512
     wide_ = have_avx512();
@@ -266,9 +251,7 @@ class Worker {
     for (int64_t t0 = 0; t0 < key_end; t0 += kTile) {
       // Keys of this tile that any row of the block may see.
       const int n = int(std::min<int64_t>(kTile, key_end - t0));
-      int ldk = 0;
-      const float* kt = key_tile(b, hk, t0, n, ldk);
-      scores(kt, ldk, rows, n);
+      scores(key_tile(b, hk, t0), rows, n);
       softmax(b, h, q0, t0, rows, n);
       int64_t ldv = 0;
       const float* vt = value_tile(b, hk, t0, n, ldv);
@@ -299,10 +282,6 @@ class Worker {
   }
 
  private:
-  bool need_key_copy() const {
-    return p_.key_layout == KeyLayout::kRows || !std::is_same_v<KV, float>;
-  }
-
   void load_queries(int64_t b, int64_t h, int64_t q0, int rows) {
     const T* base = p_.query + b * p_.q_stride[0] + h * p_.q_stride[1] + q0 * p_.q_stride[2];
     for (int r = 0; r < rows; ++r) {
@@ -312,18 +291,9 @@ class Worker {
     }
   }
 
-  // The tile's keys as floats, component-major; ldk receives the stride
-  // between components (the layout's block width).
-  const float* key_tile(int64_t b, int64_t hk, int64_t t0, int n, int& ldk) {
-    const KV* base = p_.key + b * p_.k_stride[0] + hk * p_.k_stride[1];
-    if (p_.key_layout == KeyLayout::kRows) {
-      rows_to_tile(base + t0 * p_.k_stride[2], p_.k_stride[2], n, kd_, k_.data());
-      ldk = kTile;
-      return k_.data();
-    }
-    ldk = p_.key_block;
-    // Whole tiles are consecutive, so the tile's 64 positions are one run.
-    const KV* tile = base + t0 * kd_;
+  // The tile's keys as floats, component-major.
+  const float* key_tile(int64_t b, int64_t hk, int64_t t0) {
+    const KV* tile = p_.key + b * p_.k_stride[0] + hk * p_.k_stride[1] + t0 * kd_;
     if constexpr (std::is_same_v<KV, float>) {
       return tile;
     } else {
@@ -345,33 +315,28 @@ class Worker {
     }
   }
 
-  void scores(const float* kt, int ldk, int rows, int n) {
-    const int block = ldk;
+  void scores(const float* kt, int rows, int n) {
 #if VORTA_ATTN_AVX512
     if (wide_) {
-      // Whole 64-key tiles in one pass, 32-key halves otherwise.
-      const int step = block == 64 && n > 32 ? 64 : 32;
-      for (int j = 0; j < n; j += step) {
-        const float* kj = kt + (j / block) * kd_ * block + (j % block);
+      // The whole tile in one pass, its first half alone when that is all it holds.
+      const int step = n > 32 ? 64 : 32;
+      for (int j = 0; j < n; j += step)
         for (int r = 0; r < rows; r += kMr)
           with_rows(std::min(kMr, rows - r), [&](auto R) {
             with_nv(step / 16, [&](auto NV) {
-              score_kernel512<R(), NV()>(q_.data() + size_t(r) * kd_, kd_, kj, ldk, kd_,
+              score_kernel512<R(), NV()>(q_.data() + size_t(r) * kd_, kd_, kt + j, kTile, kd_,
                                          s_.data() + r * kTile + j, kTile);
             });
           });
-      }
       return;
     }
 #endif
-    for (int j = 0; j < n; j += 16) {
-      const float* kj = kt + (j / block) * kd_ * block + (j % block);
+    for (int j = 0; j < n; j += 16)
       for (int r = 0; r < rows; r += kMr)
         with_rows(std::min(kMr, rows - r), [&](auto R) {
-          score_kernel<R()>(q_.data() + size_t(r) * kd_, kd_, kj, ldk, kd_,
+          score_kernel<R()>(q_.data() + size_t(r) * kd_, kd_, kt + j, kTile, kd_,
                             s_.data() + r * kTile + j, kTile);
         });
-    }
   }
 
   // Turns the tile's scores into probabilities against the updated running
@@ -450,24 +415,36 @@ class Worker {
   bool wide_ = false;
 };
 
+// Zeros for every result row: the value of attention over no keys.
+template <typename T, typename KV>
+void store_zeros(const AttentionProblem<T, KV>& p) {
+  const int64_t rows = p.batch * p.q_heads * p.q_len;
+  parallel_for(0, rows, grain_for(int64_t(p.o_dim) * int64_t(sizeof(T))), [&](int64_t lo, int64_t hi) {
+    for (int64_t x = lo; x < hi; ++x) {
+      const int64_t b = x / (p.q_heads * p.q_len), h = x / p.q_len % p.q_heads, i = x % p.q_len;
+      T* row = p.out + b * p.o_stride[0] + h * p.o_stride[1] + i * p.o_stride[2];
+      for (int c = 0; c < p.o_dim; ++c) row[c] = from_float<T>(0.0f);
+    }
+  });
+}
+
 template <typename T, typename KV>
 void run_attention(const AttentionProblem<T, KV>& p) {
   assert(p.v_dim % 16 == 0 && p.k_dim % 8 == 0 && p.k_dim >= p.q_dim);
-  if (p.batch == 0 || p.q_heads == 0 || p.q_len == 0 || p.kv_len == 0) return;
+  if (p.batch == 0 || p.q_heads == 0 || p.q_len == 0) return;
+  if (p.kv_len == 0) return store_zeros(p);
   const int64_t blocks = (p.q_len + kBlockRows - 1) / kBlockRows;
   const int64_t pairs = p.batch * p.q_heads;
   const int64_t tasks = pairs * blocks;
-  // Tasks are handed out from a shared counter, longest (last causal blocks) first.
+  // Tasks are handed out from a shared counter, longest (last causal blocks)
+  // first, to one worker per thread.
   std::atomic<int64_t> next{0};
-  const int64_t workers = std::min<int64_t>(num_threads(), tasks);
-  parallel_for(0, workers, 1, [&](int64_t lo, int64_t hi) {
+  parallel_for(0, std::min<int64_t>(num_threads(), tasks), 1, [&](int64_t, int64_t) {
     Worker<T, KV> w(p);
-    for (int64_t i = lo; i < hi; ++i) {
-      for (int64_t t = next.fetch_add(1); t < tasks; t = next.fetch_add(1)) {
-        const int64_t qb = blocks - 1 - t / pairs, bh = t % pairs;
-        const int64_t q0 = qb * kBlockRows;
-        w.run(bh / p.q_heads, bh % p.q_heads, q0, std::min(p.q_len, q0 + kBlockRows));
-      }
+    for (int64_t t = next.fetch_add(1); t < tasks; t = next.fetch_add(1)) {
+      const int64_t qb = blocks - 1 - t / pairs, bh = t % pairs;
+      const int64_t q0 = qb * kBlockRows;
+      w.run(bh / p.q_heads, bh % p.q_heads, q0, std::min(p.q_len, q0 + kBlockRows));
     }
   });
 }

@@ -13,9 +13,10 @@ using attn::Elem;
 template <typename Src, typename Dst>
 void transpose_key_tiles(const void* src, const int64_t src_stride[3], Dst* dst,
                          const int64_t dst_stride[2], int64_t B, int64_t H, int64_t L,
-                         int64_t lp, int d_in, int d_out, int block) {
+                         int64_t lp, int d_in, int d_out) {
   using S = typename Elem<Src>::type;
-  assert(d_in % 8 == 0 && d_out % 8 == 0 && block % 8 == 0 && lp % block == 0);
+  constexpr int block = kKeyTile;
+  assert(d_in % 8 == 0 && d_out % 8 == 0 && lp % block == 0);
   const int64_t s0 = src_stride[0], s1 = src_stride[1], s2 = src_stride[2];
   const int64_t d0s = dst_stride[0], d1s = dst_stride[1];
   const int64_t tiles = lp / block;
@@ -43,20 +44,20 @@ void transpose_key_tiles(const void* src, const int64_t src_stride[3], Dst* dst,
 
 template <typename Src, typename Dst>
 void copy_value_rows(const void* src, const int64_t src_stride[3], Dst* dst,
-                     const int64_t dst_stride[2], int64_t B, int64_t H, int64_t L, int64_t lp,
-                     int d_in, int d_out) {
+                     const int64_t dst_stride[2], int64_t B, int64_t H, int64_t L, int d_in,
+                     int d_out) {
   using S = typename Elem<Src>::type;
   assert(d_in % 8 == 0 && d_out % 8 == 0);
   const int64_t s0 = src_stride[0], s1 = src_stride[1], s2 = src_stride[2];
   const int64_t d0s = dst_stride[0], d1s = dst_stride[1];
   const S* in = static_cast<const S*>(src);
-  parallel_for(0, B * H * lp, grain_for(int64_t(d_out) * 4), [&](int64_t lo, int64_t hi) {
+  parallel_for(0, B * H * L, grain_for(int64_t(d_out) * 4), [&](int64_t lo, int64_t hi) {
     for (int64_t t = lo; t < hi; ++t) {
-      const int64_t pos = t % lp, bh = t / lp, b = bh / H, h = bh % H;
+      const int64_t pos = t % L, bh = t / L, b = bh / H, h = bh % H;
       const S* row = in + b * s0 + h * s1 + pos * s2;
       Dst* out = dst + b * d0s + h * d1s + pos * d_out;
       for (int c0 = 0; c0 < d_out; c0 += 8)
-        (pos < L && c0 < d_in ? Elem<Src>::load8(row + c0) : Vec8::zero()).store(out + c0);
+        (c0 < d_in ? Elem<Src>::load8(row + c0) : Vec8::zero()).store(out + c0);
     }
   });
 }
@@ -64,10 +65,10 @@ void copy_value_rows(const void* src, const int64_t src_stride[3], Dst* dst,
 #define VORTA_KEY_TILES(SRC, DST)                                                            \
   template void transpose_key_tiles<SRC, DST>(const void*, const int64_t[3], DST*,            \
                                               const int64_t[2], int64_t, int64_t, int64_t,    \
-                                              int64_t, int, int, int);
+                                              int64_t, int, int);
 #define VORTA_VALUE_ROWS(SRC, DST)                                                            \
   template void copy_value_rows<SRC, DST>(const void*, const int64_t[3], DST*, const int64_t[2], \
-                                          int64_t, int64_t, int64_t, int64_t, int, int);
+                                          int64_t, int64_t, int64_t, int, int);
 
 VORTA_KEY_TILES(float, float)
 VORTA_KEY_TILES(half, half)
@@ -76,6 +77,7 @@ VORTA_KEY_TILES(KeyBytes, float)
 VORTA_KEY_TILES(KeyBytes, half)
 VORTA_VALUE_ROWS(ValueBytes, float)
 VORTA_VALUE_ROWS(ValueBytes, half)
+VORTA_VALUE_ROWS(float, float)
 VORTA_VALUE_ROWS(float, half)
 VORTA_VALUE_ROWS(half, half)
 

@@ -1,5 +1,3 @@
-#include "cpu/sdp_decode.h"
-
 #include <algorithm>
 #include <atomic>
 #include <cmath>
@@ -11,6 +9,7 @@
 #include "common/kv_codes.h"
 #include "cpu/attention_simd.h"
 #include "cpu/attention_vec.h"
+#include "cpu/decode.h"
 #include "cpu/parallel.h"
 #include "cpu/vec.h"
 
@@ -440,23 +439,39 @@ void combine_row(int64_t parts, const float* stats, int64_t step, const R* rows,
   for (int64_t i = 0; i < dv; i += 8) (Vec8::load(&acc[i]) / t).store(out + i);
 }
 
-}  // namespace
 #if VORTA_ATTN_AVX512
 #pragma GCC diagnostic pop
 #endif
 
+// With several chunks, each leaves (max, sum, row) per query row in the
+// workspace: floats [units, tile, value_head_dim + 2].
+inline int64_t part_floats(int64_t value_head_dim) { return value_head_dim + 2; }
+
+template <typename T, typename C>
+Split decode_split(const DecodeInputs<T, C>& in) {
+  return Split(in.bsz, in.num_heads, in.kv_heads, in.seq_length, in.kv_len, kMinChunkKeys);
+}
+
+}  // namespace
+
 void allow_wide_decode(bool allow) { g_wide_allowed.store(allow, std::memory_order_relaxed); }
 
 template <typename T, typename C>
-void decode_attention(const DecodeInputs<T, C>& in, const DecodeOutput<T>& out) {
-  const Split split(in.bsz, in.num_heads, in.kv_heads, in.seq_length, in.kv_len, kMinChunkKeys);
-  const int64_t dv = in.value_head_dim, part_size = dv + 2;
+size_t decode_workspace_bytes(const DecodeInputs<T, C>& in) {
+  const Split split = decode_split(in);
+  if (split.chunks == 1) return 0;
+  return size_t(split.units() * split.tile * part_floats(in.value_head_dim)) * sizeof(float);
+}
+
+template <typename T, typename C>
+void decode_attention(const DecodeInputs<T, C>& in, const DecodeOutput<T>& out, void* workspace) {
+  const Split split = decode_split(in);
+  const int64_t dv = in.value_head_dim, part_size = part_floats(dv);
   auto out_row = [&](int64_t bg, int64_t r) {
     const int64_t b = bg / in.kv_heads, h = (bg % in.kv_heads) * split.group + r / in.seq_length;
     return out.data + b * out.stride[0] + h * out.stride[1] + (r % in.seq_length) * out.stride[2];
   };
-  // With several chunks each one leaves (max, sum, row) per query row here.
-  std::vector<float> parts(split.chunks > 1 ? split.units() * split.tile * part_size : 0);
+  float* parts = static_cast<float*>(workspace);
   parallel_for(0, split.units(), grain(split.unit_work(in.head_dim, dv)), [&](int64_t lo, int64_t hi) {
     RowTile<T, C> tile(in, split.tile);
     for (int64_t u = lo; u < hi; ++u) {
@@ -530,7 +545,8 @@ void combine_attention_blocks(const DecodeBlocks<T>& blocks, const DecodeOutput<
 }
 
 #define VORTA_INSTANTIATE(T, C)                                                          \
-  template void decode_attention<T, C>(const DecodeInputs<T, C>&, const DecodeOutput<T>&); \
+  template size_t decode_workspace_bytes<T, C>(const DecodeInputs<T, C>&);                  \
+  template void decode_attention<T, C>(const DecodeInputs<T, C>&, const DecodeOutput<T>&, void*); \
   template void decode_attention_blocks<T, C>(const DecodeInputs<T, C>&, const DecodeBlocks<T>&);
 VORTA_INSTANTIATE(float, float)
 VORTA_INSTANTIATE(half, half)

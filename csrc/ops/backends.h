@@ -56,3 +56,7 @@ struct NoCudaKernels {
 // the lambda is not compiled in builds without them.
 #define VORTA_CUDA_LAUNCHER(GROUP, op, ...) \
   VORTA_PP_CAT(VORTA_CUDA_IF_, VORTA_CUDA_##GROUP)(op, __VA_ARGS__)
+
+// The same for a host-side query of the group's CUDA backend (see ask_backend):
+// VORTA_CUDA_QUERY(DECODE, "sdp", [&] { return cuda::decode_workspace_bytes(in); }).
+#define VORTA_CUDA_QUERY(GROUP, op, ...) VORTA_CUDA_LAUNCHER(GROUP, op, __VA_ARGS__)

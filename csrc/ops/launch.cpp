@@ -34,6 +34,8 @@ LaunchScope::LaunchScope(const c10::Device& device, const char* name)
   if (record_.isActive()) record_.before(name);
 }
 
+void check_launch_device(const c10::Device& device) { checked_guard(device); }
+
 void raise_no_cuda_kernels(const char* op, const c10::Device& device) {
   TORCH_CHECK(false, op, ": this build of vorta_addons has no CUDA kernels for it (tensor on ",
               device, ")");
@@ -51,10 +53,5 @@ void check_cuda_launch(cudaError_t err, const char* name) {
 #endif
 
 }  // namespace detail
-
-void submit_kernel(const Kernel& kernel, const c10::Device& device, const char* name) {
-  detail::LaunchScope scope(device, name);
-  kernel(Stream{device, scope.native_stream()});
-}
 
 }  // namespace vorta

@@ -16,8 +16,6 @@
 #include <c10/core/DeviceGuard.h>
 #include <c10/util/Exception.h>
 
-#include <functional>
-#include <optional>
 #include <type_traits>
 
 #include "ops/backends.h"
@@ -43,6 +41,8 @@ class LaunchScope {
   at::RecordFunction record_;
 };
 
+// The device-guard lookup and the supported-device check of a launch, alone.
+void check_launch_device(const c10::Device& device);
 [[noreturn]] void raise_no_cuda_kernels(const char* op, const c10::Device& device);
 [[noreturn]] void raise_unsupported_device(const c10::Device& device);
 #if VORTA_WITH_CUDA
@@ -70,26 +70,21 @@ void launch(const c10::Device& device, const char* name, CpuLauncher&& cpu, Cuda
   detail::raise_unsupported_device(device);
 }
 
-// ---------------------------------------------------------------------------
-// The previous routine, kept until every operator group calls `launch`.
-
-struct Stream {
-  c10::Device device;
-  void* native;
-  bool is_cpu() const { return device.is_cpu(); }
+// A host-side question to the backend a launch on `device` would run (the
+// bytes of workspace it needs), answered on the calling thread. A CUDA query
+// comes from VORTA_CUDA_QUERY; devices without kernels fail as a launch would.
+template <class CpuQuery, class CudaQuery>
+auto ask_backend(const c10::Device& device, CpuQuery&& cpu, CudaQuery&& cuda) -> decltype(cpu()) {
 #if VORTA_WITH_CUDA
-  cudaStream_t cuda() const { return static_cast<cudaStream_t>(native); }
+  if (device.is_cuda()) {
+    if constexpr (std::is_same_v<std::decay_t<CudaQuery>, NoCudaKernels>)
+      detail::raise_no_cuda_kernels(cuda.op, device);
+    else
+      return cuda();
+  }
 #endif
-};
-
-using Kernel = std::function<void(const Stream&)>;
-
-void submit_kernel(const Kernel& kernel, const c10::Device& device, const char* name);
+  if (!device.is_cpu()) detail::check_launch_device(device);
+  return cpu();
+}
 
 }  // namespace vorta
-
-#if VORTA_WITH_CUDA
-#define VORTA_CUDA(...) __VA_ARGS__
-#else
-#define VORTA_CUDA(...) TORCH_CHECK(false, "vorta_addons was built without the CUDA backend")
-#endif

@@ -1,7 +1,7 @@
 // The operators of the module, grouped by source. Shapes are [dim0, dim1, ...].
 // Attention tensors: query [bsz, num_heads, q_len, head_dim], key/value
 // [bsz, kv_heads, kv_len, head_dim], mask [bsz, num_heads or 1, q_len, kv]
-// (additive, query dtype). Every operator launches through submit_kernel and
+// (additive, query dtype). Every operator launches through `launch` and
 // never waits for the device.
 #pragma once
 

@@ -1,7 +1,7 @@
 // The module and its operator table, in registration order.
 #include <torch/extension.h>
 
-#include "cpu/sdp_decode.h"
+#include "cpu/decode.h"
 #include "ops/device.h"
 #include "ops/ops.h"
 

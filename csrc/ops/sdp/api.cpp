@@ -24,8 +24,8 @@ void check_qkv(const at::Tensor& query, const at::Tensor& key, const at::Tensor&
   VORTA_ASSERT(key.scalar_type() == value.scalar_type());
 }
 
-void prepare_mask(std::optional<at::Tensor>& mask, const at::Tensor& query, const at::Tensor& key,
-                  bool causal) {
+void prepare_mask(std::optional<at::Tensor>& mask, const at::Tensor& query,
+                  const at::Tensor& key) {
   const int64_t bsz = query.size(0), num_heads = query.size(1), seq_length = query.size(2);
   const int64_t kv_len = key.size(2);
   const int64_t padded_kv = (kv_len + 127) & ~int64_t(127);
@@ -41,13 +41,13 @@ void prepare_mask(std::optional<at::Tensor>& mask, const at::Tensor& query, cons
       padded.narrow(3, kv_len, padded_kv - kv_len).fill_(-10000.0);
       mask = std::move(padded);
     }
-  } else if (!causal) {
-    at::Tensor padding = at::zeros({1, 1, 1, padded_kv}, query.options());
-    padding.narrow(3, kv_len, padded_kv - kv_len).fill_(-10000.0);
-    mask = std::move(padding);
   } else {
-    mask = at::full({1, 1, seq_length, padded_kv}, -10000.0, query.options()).triu_(1);
+    // Nothing is generated: such a mask would only repeat the key range and
+    // the causal limit, which the kernels apply exactly, and its rows,
+    // padded_kv wide, would always pass the stride check below.
+    return;
   }
+  // The kernels read mask rows in aligned pairs.
   VORTA_ASSERT(mask->stride(2) % 2 == 0);
   mask = mask->expand({bsz, num_heads, seq_length, padded_kv});
 }
@@ -58,14 +58,10 @@ bool use_matrix_engine(const at::Tensor& query) {
          (head_dim == 64 || head_dim == 80 || head_dim == 128);
 }
 
-void check_layout(const at::Tensor& t, const at::Tensor& query, const char* name) {
-  if (!t.defined()) return;
-  TORCH_CHECK(t.device() == query.device(), name, " must be on the query's device");
-  TORCH_CHECK(t.size(3) <= 1 || t.stride(3) == 1, name, " must have a dense last dimension");
-}
-
 namespace {
 
+// The matrix-engine path where the device has the engine and the head size
+// suits it; the vector path takes everything else and refuses what it lacks.
 at::Tensor route(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
                  const at::Tensor& mask, float scale, bool fp8, bool causal) {
   if (use_matrix_engine(query)) return matrix_prefill(query, key, value, mask, scale, fp8, causal);
@@ -75,9 +71,13 @@ at::Tensor route(const at::Tensor& query, const at::Tensor& key, const at::Tenso
 }  // namespace
 }  // namespace prefill
 
+// The prefill operators: the entry sequence (shape check, mask preparation,
+// the operator's own checks), then the path, told whether the cache holds the
+// 8-bit codes (fp8) and whether row i sees keys 0 .. i alone (causal).
+
 at::Tensor sdp_causal(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
                       const OptTensor& attn_mask, float scale) {
-  const at::Tensor mask = prefill::checked_mask(query, key, value, attn_mask, true, [&] {
+  const at::Tensor mask = prefill::checked_mask(query, key, value, attn_mask, [&] {
     VORTA_ASSERT(query.size(2) == key.size(2));
     VORTA_ASSERT(query.scalar_type() == key.scalar_type());
   });
@@ -86,7 +86,7 @@ at::Tensor sdp_causal(const at::Tensor& query, const at::Tensor& key, const at::
 
 at::Tensor sdp_fp8_causal(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
                           const OptTensor& attn_mask, float scale) {
-  const at::Tensor mask = prefill::checked_mask(query, key, value, attn_mask, true, [&] {
+  const at::Tensor mask = prefill::checked_mask(query, key, value, attn_mask, [&] {
     VORTA_ASSERT(query.size(2) == key.size(2));
     VORTA_ASSERT(key.scalar_type() == at::ScalarType::Byte);
   });
@@ -95,7 +95,7 @@ at::Tensor sdp_fp8_causal(const at::Tensor& query, const at::Tensor& key, const 
 
 at::Tensor sdp_fp8_non_causal(const at::Tensor& query, const at::Tensor& key,
                               const at::Tensor& value, const OptTensor& attn_mask, float scale) {
-  const at::Tensor mask = prefill::checked_mask(query, key, value, attn_mask, false, [&] {
+  const at::Tensor mask = prefill::checked_mask(query, key, value, attn_mask, [&] {
     VORTA_ASSERT(key.scalar_type() == at::ScalarType::Byte);
   });
   return prefill::route(query, key, value, mask, scale, true, false);
@@ -103,7 +103,7 @@ at::Tensor sdp_fp8_non_causal(const at::Tensor& query, const at::Tensor& key,
 
 at::Tensor sdp_non_causal(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
                           const OptTensor& attn_mask, float scale) {
-  const at::Tensor mask = prefill::checked_mask(query, key, value, attn_mask, false, [&] {
+  const at::Tensor mask = prefill::checked_mask(query, key, value, attn_mask, [&] {
     VORTA_ASSERT(query.scalar_type() == key.scalar_type());
   });
   return prefill::route(query, key, value, mask, scale, false, false);
@@ -111,7 +111,7 @@ at::Tensor sdp_non_causal(const at::Tensor& query, const at::Tensor& key, const 
 
 at::Tensor siglip_sdp_non_causal(const at::Tensor& query, const at::Tensor& key,
                                  const at::Tensor& value, const OptTensor& attn_mask) {
-  const at::Tensor mask = prefill::checked_mask(query, key, value, attn_mask, false, [&] {
+  const at::Tensor mask = prefill::checked_mask(query, key, value, attn_mask, [&] {
     VORTA_ASSERT(query.scalar_type() == key.scalar_type());
   });
   return prefill::siglip_prefill(query, key, value, mask);

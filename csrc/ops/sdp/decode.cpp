@@ -3,17 +3,30 @@
 
 #include <ATen/ops/empty.h>
 
-#include "cpu/sdp_decode.h"
+#include <type_traits>
+
+#include "common/params/attention.h"
+#include "cpu/decode.h"
 #include "ops/device.h"
 #include "ops/launch.h"
+
+#if VORTA_CUDA_DECODE
+#include "cuda/decode.h"
+#endif
 
 namespace vorta::decode {
 namespace {
 
+// The operator a launch serves, as the CUDA boundary names it.
+template <typename C>
+constexpr const char* op_name() {
+  return std::is_same_v<C, uint8_t> ? "sdp_fp8" : "sdp";
+}
+
 template <typename T, typename C>
-cpu::DecodeInputs<T, C> decode_inputs(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
-                                      const std::optional<at::Tensor>& mask, float scale) {
-  cpu::DecodeInputs<T, C> in{};
+DecodeInputs<T, C> decode_inputs(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
+                                 const std::optional<at::Tensor>& mask, float scale) {
+  DecodeInputs<T, C> in{};
   in.query = const_ptr<T>(query);
   in.key = const_ptr<C>(key);
   in.value = const_ptr<C>(value);
@@ -38,34 +51,44 @@ cpu::DecodeInputs<T, C> decode_inputs(const at::Tensor& query, const at::Tensor&
 }
 
 template <typename T>
-cpu::DecodeOutput<T> decode_output(const at::Tensor& t) {
+DecodeOutput<T> decode_output(const at::Tensor& t) {
   return {mut_ptr<T>(t), {t.stride(0), t.stride(1), t.stride(2)}};
 }
 
 // Pass 1: per 32-key block and query head, the block's statistics and its
-// normalised value row. One work item covers every query head of a key/value
-// head, so shared cache rows are read once.
+// normalised value row.
 template <typename T, typename C>
-void gqa_1_kernel(const cpu::DecodeInputs<T, C>& in, const cpu::DecodeBlocks<T>& blocks,
-                  const c10::Device& device) {
-  submit_kernel(
-      [=](const Stream& s) {
-        if (s.is_cpu()) return cpu::decode_attention_blocks(in, blocks);
-        VORTA_CUDA(cuda::decode_attention_blocks(in, blocks, s.cuda()));
-      },
-      device, "gqa kernel 1/2");
+void gqa_1_launcher(const DecodeInputs<T, C>& in, const DecodeBlocks<T>& blocks,
+                    const c10::Device& device) {
+  launch(device, "gqa kernel 1/2", [&] { cpu::decode_attention_blocks(in, blocks); },
+         VORTA_CUDA_LAUNCHER(DECODE, op_name<C>(), [&](cudaStream_t s) {
+           return cuda::decode_attention_blocks(in, blocks, s);
+         }));
 }
 
 // Pass 2: combines the blocks into the result rows.
 template <typename T>
-void gqa_2_kernel(const cpu::DecodeBlocks<T>& blocks, const cpu::DecodeOutput<T>& out, int64_t bsz,
-                  int64_t num_heads, int64_t head_dim, const c10::Device& device) {
-  submit_kernel(
-      [=](const Stream& s) {
-        if (s.is_cpu()) return cpu::combine_attention_blocks(blocks, out, bsz, num_heads, head_dim);
-        VORTA_CUDA(cuda::combine_attention_blocks(blocks, out, bsz, num_heads, head_dim, s.cuda()));
-      },
-      device, "gqa kernel 2/2");
+void gqa_2_launcher(const DecodeBlocks<T>& blocks, const DecodeOutput<T>& out, int64_t bsz,
+                    int64_t num_heads, int64_t head_dim, const char* op, const c10::Device& device) {
+  launch(device, "gqa kernel 2/2",
+         [&] { cpu::combine_attention_blocks(blocks, out, bsz, num_heads, head_dim); },
+         VORTA_CUDA_LAUNCHER(DECODE, op, [&](cudaStream_t s) {
+           return cuda::combine_attention_blocks(blocks, out, bsz, num_heads, head_dim, s);
+         }));
+}
+
+template <typename T, typename C>
+void run_grouped(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
+                 const std::optional<at::Tensor>& mask, const at::Tensor& result,
+                 const at::Tensor& stats, const at::Tensor& block_rows) {
+  const int64_t head_dim = key.size(3);
+  const DecodeBlocks<T> blocks{mut_ptr<float>(stats), {stats.stride(0), stats.stride(1)},
+                               mut_ptr<T>(block_rows), {block_rows.stride(0), block_rows.stride(1)},
+                               stats.size(3) / 2};
+  gqa_1_launcher(decode_inputs<T, C>(query, key, value, mask, fixed_scale(head_dim)), blocks,
+                 query.device());
+  gqa_2_launcher(blocks, decode_output<T>(result), query.size(0), query.size(1), head_dim,
+                 op_name<C>(), query.device());
 }
 
 void check_rows_packed(const at::Tensor& t, const char* what) {
@@ -110,14 +133,18 @@ template <typename T, typename C>
 void launch_single_pass(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
                         const std::optional<at::Tensor>& mask, const at::Tensor& result, float scale,
                         const char* name) {
-  const cpu::DecodeInputs<T, C> in = decode_inputs<T, C>(query, key, value, mask, scale);
-  const cpu::DecodeOutput<T> out = decode_output<T>(result);
-  submit_kernel(
-      [=](const Stream& s) {
-        if (s.is_cpu()) return cpu::decode_attention(in, out);
-        VORTA_CUDA(cuda::decode_attention(in, out, s.cuda()));
-      },
-      query.device(), name);
+  const DecodeInputs<T, C> in = decode_inputs<T, C>(query, key, value, mask, scale);
+  const DecodeOutput<T> out = decode_output<T>(result);
+  const size_t bytes = ask_backend(query.device(), [&] { return cpu::decode_workspace_bytes(in); },
+                                   VORTA_CUDA_QUERY(DECODE, op_name<C>(), [&] {
+                                     return cuda::decode_workspace_bytes(in);
+                                   }));
+  at::Tensor workspace = at::empty({int64_t(bytes)}, query.options().dtype(at::kByte));
+  void* ws = workspace.data_ptr();
+  launch(query.device(), name, [&] { cpu::decode_attention(in, out, ws); },
+         VORTA_CUDA_LAUNCHER(DECODE, op_name<C>(), [&](cudaStream_t s) {
+           return cuda::decode_attention(in, out, ws, s);
+         }));
 }
 
 #define VORTA_INSTANTIATE(T, C)                                                                          \
@@ -132,22 +159,17 @@ VORTA_INSTANTIATE(half, uint8_t)
 void run_grouped(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
                  const std::optional<at::Tensor>& mask, const at::Tensor& result, bool fp8) {
   const int64_t bsz = query.size(0), num_heads = query.size(1), kv_len = key.size(2), head_dim = key.size(3);
-  const int64_t nblocks = (kv_len + 31) / 32;
+  const int64_t nblocks = (kv_len + kDecodeKeyBlock - 1) / kDecodeKeyBlock;
   at::Tensor stats = at::empty({bsz, num_heads, 1, 2 * nblocks}, query.options().dtype(at::kFloat));
   at::Tensor block_rows = at::empty({bsz, num_heads, 1, nblocks * head_dim}, query.options());
   dispatch_head_dim(head_dim, [&](auto) {
     dispatch_float_half(query.scalar_type(), [&](auto tag) {
       using T = typename decltype(tag)::type;
       check_decode_layout(query, key, value, mask, fp8);
-      const cpu::DecodeBlocks<T> blocks{mut_ptr<float>(stats), {stats.stride(0), stats.stride(1)},
-                                        mut_ptr<T>(block_rows), {block_rows.stride(0), block_rows.stride(1)},
-                                        nblocks};
-      const float scale = fixed_scale(head_dim);
       if (fp8)
-        gqa_1_kernel(decode_inputs<T, uint8_t>(query, key, value, mask, scale), blocks, query.device());
+        run_grouped<T, uint8_t>(query, key, value, mask, result, stats, block_rows);
       else
-        gqa_1_kernel(decode_inputs<T, T>(query, key, value, mask, scale), blocks, query.device());
-      gqa_2_kernel(blocks, decode_output<T>(result), bsz, num_heads, head_dim, query.device());
+        run_grouped<T, T>(query, key, value, mask, result, stats, block_rows);
     });
   });
 }

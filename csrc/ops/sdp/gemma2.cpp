@@ -1,12 +1,12 @@
-// Soft-capped attention (gemma2): scores are scaled, capped with
-// softcap * tanh(scores / softcap), masked, softmaxed in float32 and applied
-// to the values, reading key and value rows in place in one launch.
-#include <ATen/ATen.h>
+// Soft-capped attention (gemma2): softcap * tanh(scale * q.k / softcap) + mask,
+// softmax in float32, applied to the values in one launch.
+#include <ATen/ops/empty.h>
 
 #include "common/fatal.h"
+#include "ops/dispatch.h"
 #include "ops/ops.h"
 #include "ops/sdp/api.h"
-#include "ops/sdp/prefill_launch.h"
+#include "ops/sdp/prefill.h"
 
 namespace {
 constexpr char kAssertSource[] = "gemma2";
@@ -17,7 +17,7 @@ namespace {
 
 at::Tensor soft_capped(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
                        const OptTensor& attn_mask, float softcap, float scale, bool causal) {
-  const at::Tensor mask = prefill::checked_mask(query, key, value, attn_mask, causal, [&] {
+  const at::Tensor mask = prefill::checked_mask(query, key, value, attn_mask, [&] {
     if (causal) VORTA_ASSERT(query.size(2) == key.size(2));
     VORTA_ASSERT(query.scalar_type() == key.scalar_type());
   });
@@ -28,22 +28,12 @@ at::Tensor soft_capped(const at::Tensor& query, const at::Tensor& key, const at:
   dispatch_float_half(query.scalar_type(), [&](auto tag) {
     using T = typename decltype(tag)::type;
     TORCH_CHECK(softcap > 0.0f, "softcap must be positive, got ", softcap);
-    prefill::check_layout(query, query, "query");
-    prefill::check_layout(key, query, "key");
-    prefill::check_layout(value, query, "value");
-    prefill::check_layout(mask, query, "mask");
+    prefill::check_layouts(query, key, value, mask);
     out = at::empty({query.size(0), query.size(1), query.size(2), D}, query.options());
-    auto p = prefill::attention_problem<T, T>(query, mask, out, scale, causal);
-    p.key = const_ptr<T>(key);
-    prefill::strides3(key, p.k_stride);
-    p.key_layout = cpu::KeyLayout::kRows;
-    p.value = const_ptr<T>(value);
-    prefill::strides3(value, p.v_stride);
-    p.kv_heads = key.size(1);
-    p.kv_len = key.size(2);
-    p.k_dim = p.v_dim = int(D);
+    auto p = prefill::prefill_params<T, T>(query, key, value, mask, out, D, scale, causal);
     p.softcap = softcap;
-    prefill::launch_attention(p, query.device(), causal ? "gemma2 sdp causal" : "gemma2 sdp");
+    prefill::launch_prefill(p, query.device(), causal ? "gemma2_sdp_causal" : "gemma2_sdp",
+                            causal ? "gemma2 sdp causal" : "gemma2 sdp");
   });
   return out;
 }
