@@ -156,3 +156,12 @@ inline float __shfl_xor_sync(unsigned, float v, int off) {
   emu::warp_collective(in, [&](uint32_t (*s)[16]) { std::memcpy(&out, &s[emu::lane() ^ off][0], 4); });
   return out;
 }
+
+inline int __any_sync(unsigned, int pred) {
+  uint32_t in[1] = {uint32_t(pred != 0)};
+  int out = 0;
+  emu::warp_collective(in, [&](uint32_t (*s)[16]) {
+    for (int l = 0; l < 32; ++l) out |= int(s[l][0]);
+  });
+  return out;
+}
