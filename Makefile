@@ -7,7 +7,7 @@ STAMP := $(VENV)/.installed
 TORCH_VERSION := 2.13.0
 JOBS ?= $(shell nproc)
 
-.PHONY: all build test test-cpp test-py bench demo clean build-cuda test-cuda-build
+.PHONY: all build test test-cpp test-py bench demo clean build-cuda test-cuda-build test-cuda-emulated
 
 all: build
 
@@ -78,6 +78,12 @@ build-cuda: $(CUDA_STAMP)
 
 test-cuda-build: build-cuda
 	VORTA_BUILD_DIR=$(CUDA_BUILD) VORTA_EXPECT_CUDA=1 $(CUDA_PY) -m pytest -q tests
+
+# The CUDA kernels' own code on host threads against the CPU backend: no GPU
+# needed, but an OS thread per CUDA thread (a few minutes on 2 cores).
+# CUDA_EMULATE=norm (silu, penalty, softmax, rotary, kv, moe) checks one group.
+test-cuda-emulated: build
+	tests/cuda_emulation/run $(BUILD) $(CUDA_EMULATE)
 
 clean:
 	rm -rf $(BUILD) $(CUDA_BUILD) .build.lock .build-cuda.lock
