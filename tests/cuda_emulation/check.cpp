@@ -309,6 +309,9 @@ void moe_group(int64_t tokens, int64_t n, int64_t groups, int64_t topk_group, in
 
 }  // namespace
 
+// Decode and prefill attention (attention.cpp): against float64 references.
+int check_attention(const std::string& only);
+
 int main(int argc, char** argv) {
   const std::string only = argc > 1 ? argv[1] : "";
   auto on = [&](const char* group) { return only.empty() || only == group; };
@@ -353,6 +356,7 @@ int main(int argc, char** argv) {
           for (float shift : {0.0f, -0.9f, -3.0f})
             moe_group<float>(9, n, g, tg, k, bias, r, shift), moe_group<vorta::half>(9, n, g, tg, k, bias, r, shift);
   }
+  failures += check_attention(only);
   std::printf("%d checks, %d failures\n", checks, failures);
   return failures != 0;
 }

@@ -116,7 +116,7 @@ void launch(K kernel, dim3 grid, dim3 block, size_t shared, cudaStream_t, A... a
   const int n = int(block.x * block.y * block.z);
   last_error = cudaSuccess;
   if (n == 0 || n > 1024 || grid.x == 0 || grid.y == 0 || grid.z == 0 || grid.y > 65535 || grid.z > 65535 ||
-      shared > 48 * 1024) {
+      shared > 227 * 1024) {  // what a kernel may ask for once it has raised its limit
     last_error = cudaErrorInvalidConfiguration;
     return;
   }
@@ -173,6 +173,10 @@ template <class T>
 T __shfl_xor_sync(unsigned, T v, int mask, int width = 32) {
   return emu::exchange(v, [&](int l) { return l ^ mask; });
 }
+inline void __syncwarp(unsigned = 0xffffffffu) { emu::warp().bar->arrive_and_wait(); }
+inline int __any_sync(unsigned, int pred) {
+  return emu::gather(pred != 0, [](const uint32_t* all) { return uint32_t(std::count(all, all + 32, 1u) > 0); });
+}
 inline unsigned __ballot_sync(unsigned, int pred) {
   return emu::gather(pred != 0, [](const uint32_t* all) {
     unsigned r = 0;
@@ -184,5 +188,17 @@ inline unsigned __reduce_min_sync(unsigned, unsigned v) {
   return emu::gather(v, [](const uint32_t* all) { return *std::min_element(all, all + 32); });
 }
 inline int __ffs(unsigned x) { return __builtin_ffs(int(x)); }
+// Byte i of the result is byte (s >> 4i) & 7 of the pair (y:x).
+inline unsigned __byte_perm(unsigned x, unsigned y, unsigned s) {
+  const uint64_t v = uint64_t(x) | uint64_t(y) << 32;
+  unsigned r = 0;
+  for (int i = 0; i < 4; ++i) r |= unsigned(v >> (8 * ((s >> (4 * i)) & 7)) & 0xffu) << (8 * i);
+  return r;
+}
+// Read-only loads: vector types alignment-checked.
+template <class T>
+T __ldg(const T* p) {
+  return *emu::aligned_cast<const T>(p);
+}
 inline float __uint_as_float(unsigned u) { return emu::from_bits<float>(u); }
 inline unsigned __float_as_uint(float f) { return unsigned(emu::to_bits(f)); }

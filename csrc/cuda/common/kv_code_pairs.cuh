@@ -22,7 +22,7 @@ VORTA_HD uint32_t decode_code_pair(uint32_t y8) {
   return (((y8 >> 1) & 0x3f803f80u) + kBias) | (y8 & 0x80008000u);
 }
 
-#if defined(__CUDACC__) || defined(VORTA_CUDA_EMULATION)  // __byte_perm
+#if defined(__CUDACC__) || defined(__CUDA_ARCH__)  // device code (__byte_perm)
 // Codes i and j (byte indices 0-3) of the word w.
 template <class Code, int i, int j>
 __device__ __forceinline__ uint32_t decode_codes_of(uint32_t w) {
