@@ -70,9 +70,13 @@ def main():
         "kernels": kernels,
         "spilling_kernels": [k["kernel"] for k in kernels if k.get("spill_stores") or k.get("stack")],
     }
-    bench_files = [f for f in glob.glob(os.path.join(out, "*.json")) if not f.endswith("results.json")]
+    bench_files = [f for f in glob.glob(os.path.join(out, "*.json"))
+                   if not f.endswith("results.json") and not os.path.basename(f).startswith("attention-")]
     rows = json.load(open(bench_files[0]))["rows"] if bench_files else []
     result["bench"] = {"file": os.path.basename(bench_files[0]) if bench_files else None, "rows": len(rows)}
+    attention_files = glob.glob(os.path.join(out, "attention-*.json"))
+    attention = json.load(open(attention_files[0]))["rows"] if attention_files else []
+    result["attention"] = attention
     with open(os.path.join(out, "results.json"), "w") as f:
         json.dump(result, f, indent=1)
 
@@ -84,6 +88,14 @@ def main():
         print(f"{r['op'][:34]:<34} {r['shape'][:28]:<28} {r['dtype']:<8} {f(r['ours_us'], '8.2f')} "
               f"{f(r.get('compiled_us'), '8.2f')} {f(100 * r['copy_fraction'], '6.1f')} "
               f"{f(r.get('vs_compiled'), '7.2f')} {f(r.get('graph_us'), '7.2f')}")
+    if attention:
+        print("\n== attention (decode: GB/s of K and V read once, share of the same run's copy bandwidth; "
+              "prefill: TFLOP/s)")
+        for r in attention:
+            main = (f"{r['GB/s']:7.0f} GB/s {100 * r['of_copy']:5.1f}% copy" if "GB/s" in r
+                    else f"{r['TFLOP/s']:7.1f} TFLOP/s")
+            ratios = " ".join(f"{k[3:]} {v:.2f}x" for k, v in r.items() if k.startswith("vs_"))
+            print(f"{r['op'][:18]:<18} {r['shape'][:24]:<24} {r['dtype']:<8} {r['ours_us']:9.1f} us {main}  {ratios}")
     print("\n== gpu-check")
     for name, s in steps.items():
         print(f"{name:<10} rc {s['rc']:<8} {s['seconds']:>4}s")
