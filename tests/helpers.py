@@ -72,3 +72,19 @@ def canary_view(shape, dtype, make_view, fill=-7.0, device="cpu"):
     base = torch.full(shape, fill, dtype=dtype, device=device)
     view = make_view(base)
     return view, Canary(base, view)
+
+
+def attention_reference(q, k, v, mask, scale, causal=False, softcap=None):
+    """softmax(scale q.k^T (soft-capped) + mask) v in q's dtype on q's device: GQA by repeating
+    key/value heads, causal rows aligned top-left (row i sees keys 0 .. i)."""
+    group = q.shape[1] // k.shape[1]
+    k, v = k.to(q.dtype).repeat_interleave(group, 1), v.to(q.dtype).repeat_interleave(group, 1)
+    s = scale * (q @ k.transpose(-1, -2))
+    if softcap:
+        s = softcap * torch.tanh(s / softcap)
+    if mask is not None:
+        s = s + mask.to(s.dtype)
+    if causal:
+        lq, lk = s.shape[-2:]
+        s = s.masked_fill(torch.ones(lq, lk, dtype=torch.bool, device=s.device).triu(1), float("-inf"))
+    return torch.softmax(s, -1) @ v

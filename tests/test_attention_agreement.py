@@ -18,11 +18,10 @@ import os
 
 import pytest
 import torch
-import torch.nn.functional as F
 
 import vorta_addons
 from conftest import CUDA_GROUPS, GPU
-from helpers import count_records
+from helpers import attention_reference as attention, count_records
 
 OTHER = os.environ.get("VORTA_AGREEMENT_DEVICE", "cuda")
 if OTHER == "cuda" and not GPU:
@@ -50,21 +49,6 @@ def keys_of(k):
 
 def values_of(v):
     return decode_codes(v, 0x18) if v.dtype == U8 else v
-
-
-def attention(q, k, v, mask, scale, causal=False, softcap=None):
-    """softmax(scale q.k^T (capped) + mask) v in q's dtype, GQA by repeating key/value heads."""
-    group = q.shape[1] // k.shape[1]
-    k, v = k.to(q.dtype).repeat_interleave(group, 1), v.to(q.dtype).repeat_interleave(group, 1)
-    s = scale * (q @ k.transpose(-1, -2))
-    if softcap:
-        s = softcap * torch.tanh(s / softcap)
-    if mask is not None:
-        s = s + mask.to(s.dtype)
-    if causal:
-        lq, lk = s.shape[-2:]
-        s = s.masked_fill(torch.ones(lq, lk, dtype=torch.bool, device=s.device).triu(1), float("-inf"))
-    return torch.softmax(s, -1) @ v
 
 
 def assert_as_accurate_as_torch(outs, q, k, v, mask, scale, causal=False, softcap=None, kv_half=False):

@@ -5,7 +5,7 @@ import pytest
 import torch
 
 import vorta_addons
-from helpers import count_records
+from helpers import attention_reference as attention, count_records
 
 GROUP = "prefill"
 KESTREL, FINCH, OSPREY, LARK, WREN, OTHER = 0, 3, 4, 5, 2, 7
@@ -13,21 +13,6 @@ F32, F16 = torch.float32, torch.float16
 # One record per call, the attention kernel's: working copies of key and value
 # are the backend's own business inside that launch.
 KERNELS = ("sdp vec kernel", "sdp vec unbalanced kernel", "sdp sysa kernel")
-
-
-def attention(q, k, v, mask, scale, causal, softcap=None):
-    """softmax(scale * q.k^T (capped) + mask) v with GQA, in the inputs' dtype (mask: L columns)."""
-    group = q.shape[1] // k.shape[1]
-    k, v = k.repeat_interleave(group, 1), v.repeat_interleave(group, 1)
-    s = scale * (q @ k.transpose(-1, -2))
-    if softcap:
-        s = softcap * torch.tanh(s / softcap)
-    if mask is not None:
-        s = s + mask.to(s.dtype)
-    if causal:
-        lq, lk = s.shape[-2:]
-        s = s.masked_fill(torch.ones(lq, lk, dtype=torch.bool, device=s.device).triu(1), float("-inf"))
-    return torch.softmax(s, -1) @ v
 
 
 def check(out, q, k, v, mask, scale, causal, softcap=None, kv_half=False):

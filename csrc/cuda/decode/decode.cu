@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <type_traits>
 
+#include "cuda/attention/head_sizes.h"
 #include "cuda/attention/launch.cuh"
 #include "cuda/attention/memory.cuh"
 #include "cuda/common/mma.cuh"
@@ -73,22 +74,11 @@ SplitArgs<T, C> split_args(const DecodeInputs<T, C>& in, int64_t blocks_per, int
   return a;
 }
 
-// The instance for the call's head sizes; the operator layer admits no others.
 template <typename T, typename C>
 cudaError_t launch_for_heads(const SplitArgs<T, C>& a, cudaStream_t stream) {
-  const int64_t dk = a.in.head_dim, dv = a.in.value_head_dim;
-  if constexpr (std::is_same_v<C, uint8_t>)
-    if (dk == 192 && dv == 128) return launch_split<T, C, 192, 128>(a, stream);
-  if (dk != dv) return cudaErrorInvalidValue;
-  switch (dk) {
-    case 64: return launch_split<T, C, 64, 64>(a, stream);
-    case 80: return launch_split<T, C, 80, 80>(a, stream);
-    case 96: return launch_split<T, C, 96, 96>(a, stream);
-    case 128: return launch_split<T, C, 128, 128>(a, stream);
-    case 192: return launch_split<T, C, 192, 192>(a, stream);
-    case 256: return launch_split<T, C, 256, 256>(a, stream);
-    default: return cudaErrorInvalidValue;
-  }
+  return attn::with_head_sizes<std::is_same_v<C, uint8_t>>(
+      a.in.head_dim, a.in.value_head_dim,
+      [&](auto dk, auto dv) { return launch_split<T, C, decltype(dk)::value, decltype(dv)::value>(a, stream); });
 }
 
 int64_t key_blocks(int64_t kv_len) { return (kv_len + kDecodeKeyBlock - 1) / kDecodeKeyBlock; }

@@ -85,6 +85,15 @@ __device__ __forceinline__ void copy_rows(uint8_t* dst, int pitch, const G* src,
 
 // --- half queries: tensor cores --------------------------------------------
 
+// Two n8 tiles of one A operand: c0 += a b{f[0], f[1]}, c1 += a b{f[2], f[3]},
+// f from one ldmatrix_x4 of two B operands.
+__device__ __forceinline__ void mma_two_tiles(float (&c0)[4], float (&c1)[4], const uint32_t (&a)[4],
+                                              const uint32_t (&f)[4]) {
+  const uint32_t b0[2] = {f[0], f[1]}, b1[2] = {f[2], f[3]};
+  mma_f16_m16n8k16(c0, a, b0);
+  mma_f16_m16n8k16(c1, a, b1);
+}
+
 template <typename C, int DK, int DV>
 struct MmaConfig {
   static constexpr bool kCodes = std::is_same_v<C, uint8_t>;
@@ -221,12 +230,8 @@ __global__ void __launch_bounds__(kThreads) mma_prefill_kernel(const KernelArgs<
       for (int n = 0; n < BN / 8; n += 2) {
         uint32_t kf[4];
         ldmatrix_x4(kf, k_addr + n * 8 * PK + ks * 32);
-        const uint32_t b0[2] = {kf[0], kf[1]}, b1[2] = {kf[2], kf[3]};
 #pragma unroll
-        for (int i = 0; i < WM; ++i) {
-          mma_f16_m16n8k16(s[i][n], qa[i], b0);
-          mma_f16_m16n8k16(s[i][n + 1], qa[i], b1);
-        }
+        for (int i = 0; i < WM; ++i) mma_two_tiles(s[i][n], s[i][n + 1], qa[i], kf);
       }
     }
 
@@ -313,12 +318,8 @@ __global__ void __launch_bounds__(kThreads) mma_prefill_kernel(const KernelArgs<
       for (int n = 0; n < DV / 8; n += 2) {
         uint32_t vf[4];
         ldmatrix_x4_trans(vf, v_addr + kk * 16 * PV + n * 16);
-        const uint32_t b0[2] = {vf[0], vf[1]}, b1[2] = {vf[2], vf[3]};
 #pragma unroll
-        for (int i = 0; i < WM; ++i) {
-          mma_f16_m16n8k16(o[i][n], pa[i][kk], b0);
-          mma_f16_m16n8k16(o[i][n + 1], pa[i][kk], b1);
-        }
+        for (int i = 0; i < WM; ++i) mma_two_tiles(o[i][n], o[i][n + 1], pa[i][kk], vf);
       }
 
     if constexpr (!Cfg::kCodes) {

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <type_traits>
 
+#include "cuda/attention/head_sizes.h"
 #include "cuda/prefill.h"
 #include "cuda/prefill/kernel_args.h"
 
@@ -29,19 +30,9 @@ int64_t computed_width(int64_t d) { return (d + 15) / 16 * 16; }
 
 template <typename T, typename C>
 cudaError_t launch_for_widths(const KernelArgs<T, C>& a, cudaStream_t stream) {
-  const int64_t dk = computed_width(a.p.head_dim), dv = computed_width(a.p.value_head_dim);
-  if constexpr (std::is_same_v<C, uint8_t>)
-    if (dk == 192 && dv == 128) return launch_prefill<T, C, 192, 128>(a, stream);
-  if (dk != dv) return cudaErrorInvalidValue;
-  switch (dk) {
-    case 64: return launch_prefill<T, C, 64, 64>(a, stream);
-    case 80: return launch_prefill<T, C, 80, 80>(a, stream);
-    case 96: return launch_prefill<T, C, 96, 96>(a, stream);
-    case 128: return launch_prefill<T, C, 128, 128>(a, stream);
-    case 192: return launch_prefill<T, C, 192, 192>(a, stream);
-    case 256: return launch_prefill<T, C, 256, 256>(a, stream);
-    default: return cudaErrorInvalidValue;
-  }
+  return attn::with_head_sizes<std::is_same_v<C, uint8_t>>(
+      computed_width(a.p.head_dim), computed_width(a.p.value_head_dim),
+      [&](auto dk, auto dv) { return launch_prefill<T, C, decltype(dk)::value, decltype(dv)::value>(a, stream); });
 }
 
 }  // namespace
