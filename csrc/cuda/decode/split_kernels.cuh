@@ -191,10 +191,14 @@ struct MmaWarp {
     l[1] = fmaf(l[1], alpha[1], p[1] + p[3]);
     // P^T as the B operand: the 8 x 8 blocks (keys x rows) transposed.
     const uint32_t pb[2] = {movmatrix_trans(pack_half2(p[0], p[1])), movmatrix_trans(pack_half2(p[2], p[3]))};
+    // The accumulators change scale only when some row's maximum moved.
+    if (__any_sync(0xffffffffu, alpha[0] != 1.0f || alpha[1] != 1.0f))
+#pragma unroll
+      for (int i = 0; i < kTiles; ++i)
+        o[i][0] *= alpha[0], o[i][1] *= alpha[1], o[i][2] *= alpha[0], o[i][3] *= alpha[1];
     // O^T += V^T P^T, one m16 tile of value components at a time.
 #pragma unroll
     for (int i = 0; i < kTiles; ++i) {
-      o[i][0] *= alpha[0], o[i][1] *= alpha[1], o[i][2] *= alpha[0], o[i][3] *= alpha[1];
       uint32_t va[4];
       if constexpr (kCodes) {
         const int w = i / 2;
