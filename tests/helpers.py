@@ -8,7 +8,16 @@ import textwrap
 
 import torch
 
-_BUILD = os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "build")
+_ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+# The build the tests import: build/ unless VORTA_BUILD_DIR names another.
+BUILD_DIR = os.path.join(_ROOT, os.environ.get("VORTA_BUILD_DIR", "build"))
+# Operator groups with CUDA sources in this tree (a build with CUDA has kernels for each).
+_CUDA_SRC = os.path.join(_ROOT, "csrc", "cuda")
+CUDA_SOURCE_GROUPS = {
+    d for d in (os.listdir(_CUDA_SRC) if os.path.isdir(_CUDA_SRC) else [])
+    if d != "common" and os.path.isdir(os.path.join(_CUDA_SRC, d))
+    and any(f.endswith(".cu") for f in os.listdir(os.path.join(_CUDA_SRC, d)))
+}
 
 
 def run_fatal(code):
@@ -17,7 +26,7 @@ def run_fatal(code):
     Returns (returncode, stderr)."""
     prelude = "import torch\nimport vorta_addons\n"
     env = dict(os.environ)
-    env["PYTHONPATH"] = os.pathsep.join(p for p in (_BUILD, env.get("PYTHONPATH")) if p)
+    env["PYTHONPATH"] = os.pathsep.join(p for p in (BUILD_DIR, env.get("PYTHONPATH")) if p)
     proc = subprocess.run(
         [sys.executable, "-c", prelude + textwrap.dedent(code)],
         capture_output=True, text=True, env=env, timeout=120,
@@ -63,3 +72,19 @@ def canary_view(shape, dtype, make_view, fill=-7.0, device="cpu"):
     base = torch.full(shape, fill, dtype=dtype, device=device)
     view = make_view(base)
     return view, Canary(base, view)
+
+
+def attention_reference(q, k, v, mask, scale, causal=False, softcap=None):
+    """softmax(scale q.k^T (soft-capped) + mask) v in q's dtype on q's device: GQA by repeating
+    key/value heads, causal rows aligned top-left (row i sees keys 0 .. i)."""
+    group = q.shape[1] // k.shape[1]
+    k, v = k.to(q.dtype).repeat_interleave(group, 1), v.to(q.dtype).repeat_interleave(group, 1)
+    s = scale * (q @ k.transpose(-1, -2))
+    if softcap:
+        s = softcap * torch.tanh(s / softcap)
+    if mask is not None:
+        s = s + mask.to(s.dtype)
+    if causal:
+        lq, lk = s.shape[-2:]
+        s = s.masked_fill(torch.ones(lq, lk, dtype=torch.bool, device=s.device).triu(1), float("-inf"))
+    return torch.softmax(s, -1) @ v

@@ -8,6 +8,7 @@ import torch
 import vorta_addons
 from helpers import assert_fatal, count_records
 
+GROUP = "decode"
 KESTREL, FINCH, OTHER = 0, 3, 7
 KERNELS = ("mha kernel", "gqa kernel 1/2", "gqa kernel 2/2", "mha fp8 kernel", "mha unbalanced fp8 kernel")
 MHA = {"mha kernel": 1}
@@ -20,6 +21,14 @@ def lanes(request):
     vorta_addons._testing.allow_wide_decode(request.param == 16)
     yield request.param
     vorta_addons._testing.allow_wide_decode(True)
+
+
+@pytest.fixture
+def on(device, lanes):
+    """The device a test runs on: the CPU with both vector widths, other devices once."""
+    if device != "cpu" and lanes != 16:
+        pytest.skip("the CPU's vector width does not apply")
+    return device
 
 
 def decode_codes(codes, exponent_bias):
@@ -49,7 +58,9 @@ def attention(q, k, v, mask, scale, dtype):
 
 
 def assert_accurate(out, q, k, v, mask, scale):
-    """fp32: 1e-5 relative to the float64 result; fp16: at most twice the error of plain fp16 torch."""
+    """fp32: 1e-5 relative to the float64 result; fp16: at most twice the error of plain fp16
+    torch on the result's device."""
+    q, k, v, mask = (None if t is None else t.to(out.device) for t in (q, k, v, mask))
     ref = attention(q, k, v, mask, scale, torch.float64)
     assert out.shape == ref.shape and out.dtype == q.dtype and out.is_contiguous()
     err = (out.double() - ref).abs().max().item()
@@ -61,10 +72,11 @@ def assert_accurate(out, q, k, v, mask, scale):
 
 
 def make_inputs(dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, strided, seed=0,
-                value_dim=None, fp8=False):
+                value_dim=None, fp8=False, device="cpu"):
+    """Drawn on the CPU; whole buffers go to `device` and are cut into views there."""
     g = torch.Generator().manual_seed(seed)
     value_dim = value_dim or head_dim
-    q = torch.randn(bsz, q_len, heads, head_dim, generator=g).to(dtype).transpose(1, 2)  # strided query
+    q = torch.randn(bsz, q_len, heads, head_dim, generator=g).to(dtype)
     room = kv_len + (37 if strided else 0)  # views into a larger preallocated cache
     if fp8:
         k = torch.randint(0, 256, (bsz, kv_heads, room, head_dim), generator=g, dtype=torch.uint8)
@@ -72,13 +84,14 @@ def make_inputs(dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, stri
     else:
         k = torch.randn(bsz, kv_heads, room, head_dim, generator=g).to(dtype)
         v = torch.randn(bsz, kv_heads, room, value_dim, generator=g).to(dtype)
-    k, v = k[:, :, :kv_len], v[:, :, :kv_len]
+    q = q.to(device).transpose(1, 2)  # strided query
+    k, v = k.to(device)[:, :, :kv_len], v.to(device)[:, :, :kv_len]
     m = None
     if mask is not None:
         shape = {"head": (bsz, heads, q_len, kv_len), "bcast": (1, 1, q_len, kv_len)}[mask]
         m = torch.where(torch.rand(shape, generator=g) < 0.2, -10000.0, torch.randn(shape, generator=g))
         m[..., 0] = 0.0  # every row keeps a key
-        m = m.to(dtype)
+        m = m.to(dtype).to(device)
     return q, k, v, m
 
 
@@ -103,9 +116,9 @@ SDP_CASES = [
 
 
 @pytest.mark.parametrize("dtype,bsz,heads,kv_heads,q_len,kv_len,head_dim,mask,strided,fam,kernels", SDP_CASES)
-def test_sdp(dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, strided, fam, kernels, family, lanes):
+def test_sdp(dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, strided, fam, kernels, family, on):
     family(fam)
-    q, k, v, m = make_inputs(dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, strided)
+    q, k, v, m = make_inputs(dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, strided, device=on)
     before = [t.clone() for t in (q, k, v)]
     out = []
     assert count_records(lambda: out.append(vorta_addons.sdp(q, k, v, m, 7.0)), *KERNELS) == \
@@ -125,29 +138,29 @@ FP8_CASES = [
 ]
 
 
-def fp8_case(dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, strided, value_dim=None):
+def fp8_case(dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, strided, value_dim=None, device="cpu"):
     q, k, v, m = make_inputs(dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, strided,
-                             value_dim=value_dim, fp8=True)
+                             value_dim=value_dim, fp8=True, device=device)
     return q, k, v, m, decode_keys(k).to(dtype), decode_values(v).to(dtype)
 
 
 @pytest.mark.parametrize("dtype,bsz,heads,kv_heads,q_len,kv_len,head_dim,mask,strided,fam,kernels", FP8_CASES)
-def test_sdp_fp8(dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, strided, fam, kernels, family, lanes):
+def test_sdp_fp8(dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, strided, fam, kernels, family, on):
     family(fam)
-    q, k, v, m, kd, vd = fp8_case(dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, strided)
+    q, k, v, m, kd, vd = fp8_case(dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, strided, device=on)
     out = []
     assert count_records(lambda: out.append(vorta_addons.sdp_fp8(q, k, v, m, 0.07)), *KERNELS) == \
         {n: kernels.get(n, 0) for n in KERNELS}
     assert_accurate(out[0], q, kd, vd, m, 1 / math.sqrt(head_dim) if kernels is GQA else 0.07)
 
 
-def test_every_code_decodes_exactly(lanes):
+def test_every_code_decodes_exactly(on):
     # Key row j and value row j hold code j (and j ^ 0x5a) in every column; row 256 is a reference key.
     k = torch.cat([torch.arange(256), torch.tensor([0x38])]).to(torch.uint8).view(1, 1, 257, 1)
-    k = k.expand(1, 1, 257, 64).contiguous()
+    k = k.expand(1, 1, 257, 64).contiguous().to(on)
     v = k.bitwise_xor(0x5A)
-    q = torch.full((1, 1, 256, 64), 1 / 64)  # q . k_j is exactly the value of key code j
-    pick = torch.full((1, 1, 256, 257), -10000.0)
+    q = torch.full((1, 1, 256, 64), 1 / 64, device=on)  # q . k_j is exactly the value of key code j
+    pick = torch.full((1, 1, 256, 257), -10000.0, device=on)
     pick[0, 0, torch.arange(256), torch.arange(256)] = 0.0
     # Token j sees key j alone: its result is value row j, exactly.
     alone = vorta_addons.sdp_fp8(q, k, v, pick, 0.1)
@@ -158,9 +171,9 @@ def test_every_code_decodes_exactly(lanes):
     assert_accurate(pair, q, decode_keys(k).float(), decode_values(v).float(), pick, 0.1)
 
 
-def test_unbalanced_fp8_takes_the_single_pass_even_when_grouping_applies(family, lanes):
+def test_unbalanced_fp8_takes_the_single_pass_even_when_grouping_applies(family, on):
     family(KESTREL)
-    q, k, v, m, kd, vd = fp8_case(torch.float16, 1, 8, 2, 1, 2048, 192, "head", True, value_dim=128)
+    q, k, v, m, kd, vd = fp8_case(torch.float16, 1, 8, 2, 1, 2048, 192, "head", True, value_dim=128, device=on)
     out = []
     assert count_records(lambda: out.append(vorta_addons.sdp_fp8(q, k, v, m, 0.05)), *KERNELS) == \
         {n: int(n == "mha unbalanced fp8 kernel") for n in KERNELS}
@@ -173,11 +186,11 @@ def test_unbalanced_fp8_takes_the_single_pass_even_when_grouping_applies(family,
     (1, 4, 2048, KESTREL, True), (1, 2, 4096, KESTREL, False), (1, 3, 512, KESTREL, True),
     (1, 3, 511, KESTREL, False), (1, 8, 2047, OTHER, False), (2, 4, 4096, KESTREL, False),
 ])
-def test_kernel_choice(q_len, group, kv_len, fam, grouped, family):
+def test_kernel_choice(q_len, group, kv_len, fam, grouped, family, device):
     family(fam)
-    q = torch.randn(1, group, q_len, 64)
-    k, v = torch.randn(1, 1, kv_len, 64), torch.randn(1, 1, kv_len, 64)
-    k8, v8 = torch.randint(0, 256, k.shape, dtype=torch.uint8), torch.randint(0, 256, v.shape, dtype=torch.uint8)
+    q = torch.randn(1, group, q_len, 64, device=device)
+    k, v = torch.randn(1, 1, kv_len, 64, device=device), torch.randn(1, 1, kv_len, 64, device=device)
+    k8, v8 = (torch.randint(0, 256, k.shape, dtype=torch.uint8, device=device) for _ in range(2))
     assert count_records(lambda: vorta_addons.sdp(q, k, v, None, 1.0), *KERNELS) == \
         {n: (GQA if grouped else MHA).get(n, 0) for n in KERNELS}
     fp8 = GQA if grouped else {"mha fp8 kernel": 1}
@@ -185,15 +198,15 @@ def test_kernel_choice(q_len, group, kv_len, fam, grouped, family):
         {n: fp8.get(n, 0) for n in KERNELS}
 
 
-def test_grouped_fp8_drops_the_callers_scale():
-    q, k, v, _, kd, vd = fp8_case(torch.float32, 1, 4, 1, 1, 4096, 64, None, False)
+def test_grouped_fp8_drops_the_callers_scale(device):
+    q, k, v, _, kd, vd = fp8_case(torch.float32, 1, 4, 1, 1, 4096, 64, None, False, device=device)
     assert_accurate(vorta_addons.sdp_fp8(q, k, v, None, 1.0), q, kd, vd, None, 0.125)
     q2 = torch.cat([q, q], 2)
     assert_accurate(vorta_addons.sdp_fp8(q2, k, v, None, 1.0), q2, kd, vd, None, 1.0)
 
 
-def test_sdp_ignores_the_scale_argument():
-    q, k, v, m = make_inputs(torch.float32, 1, 4, 2, 1, 70, 96, "head", False)
+def test_sdp_ignores_the_scale_argument(device):
+    q, k, v, m = make_inputs(torch.float32, 1, 4, 2, 1, 70, 96, "head", False, device=device)
     assert torch.equal(vorta_addons.sdp(q, k, v, m, 1.0), vorta_addons.sdp(q, k, v, m, 0.01))
 
 

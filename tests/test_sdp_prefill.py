@@ -5,8 +5,9 @@ import pytest
 import torch
 
 import vorta_addons
-from helpers import count_records
+from helpers import attention_reference as attention, count_records
 
+GROUP = "prefill"
 KESTREL, FINCH, OSPREY, LARK, WREN, OTHER = 0, 3, 4, 5, 2, 7
 F32, F16 = torch.float32, torch.float16
 # One record per call, the attention kernel's: working copies of key and value
@@ -14,23 +15,10 @@ F32, F16 = torch.float32, torch.float16
 KERNELS = ("sdp vec kernel", "sdp vec unbalanced kernel", "sdp sysa kernel")
 
 
-def attention(q, k, v, mask, scale, causal, softcap=None):
-    """softmax(scale * q.k^T (capped) + mask) v with GQA, in the inputs' dtype (mask: L columns)."""
-    group = q.shape[1] // k.shape[1]
-    k, v = k.repeat_interleave(group, 1), v.repeat_interleave(group, 1)
-    s = scale * (q @ k.transpose(-1, -2))
-    if softcap:
-        s = softcap * torch.tanh(s / softcap)
-    if mask is not None:
-        s = s + mask.to(s.dtype)
-    if causal:
-        lq, lk = s.shape[-2:]
-        s = s.masked_fill(torch.ones(lq, lk, dtype=torch.bool).triu(1), float("-inf"))
-    return torch.softmax(s, -1) @ v
-
-
 def check(out, q, k, v, mask, scale, causal, softcap=None, kv_half=False):
-    """Error vs float64 at most twice plain torch's in the input dtype (fp32: also within 1e-5)."""
+    """Error vs float64 at most twice plain torch's in the input dtype on the result's device
+    (fp32: also within 1e-5)."""
+    q, k, v, mask = (None if t is None else t.to(out.device) for t in (q, k, v, mask))
     if kv_half:  # the matrix-engine path works on half-precision copies of K and V
         k, v = k.half(), v.half()
     ref = attention(q.double(), k.double(), v.double(), mask, scale, causal, softcap)
@@ -44,9 +32,9 @@ def check(out, q, k, v, mask, scale, causal, softcap=None, kv_half=False):
     assert out.dtype == dt and out.shape == ref.shape
 
 
-def qkv(b, hq, hk, lq, lk, d, dtype, seed=0):
+def qkv(b, hq, hk, lq, lk, d, dtype, seed=0, device="cpu"):
     g = torch.Generator().manual_seed(seed)
-    return [torch.randn(b, h, n, d, generator=g).to(dtype) for h, n in ((hq, lq), (hk, lk), (hk, lk))]
+    return [torch.randn(b, h, n, d, generator=g).to(dtype).to(device) for h, n in ((hq, lq), (hk, lk), (hk, lk))]
 
 
 def decode_bytes(b, offset):
@@ -56,7 +44,7 @@ def decode_bytes(b, offset):
     return bits.to(torch.int16).view(torch.float16)
 
 
-def fp8_cache(b, h, n, d, seed=0):
+def fp8_cache(b, h, n, d, seed=0, device="cpu"):
     """8-bit key and value caches (written by quantize_key_value when the module has it), with
     the fp16 values their codes decode to."""
     g = torch.Generator().manual_seed(seed)
@@ -68,6 +56,7 @@ def fp8_cache(b, h, n, d, seed=0):
         sign = torch.randint(0, 2, (2, b, h, n, d), generator=g, dtype=torch.uint8) << 7
         mag = torch.randint(0x28, 0x50, (2, b, h, n, d), generator=g, dtype=torch.uint8)
         kb, vb = sign[0] | mag[0], sign[1] | (mag[1] + 0x10)
+    kb, vb = kb.to(device), vb.to(device)
     return kb, vb, decode_bytes(kb, 0x30), decode_bytes(vb, 0x18)
 
 
@@ -79,9 +68,9 @@ VEC_SHAPES = [(64, 1, 1), (80, 31, 3), (96, 32, 4), (128, 33, 8), (192, 127, 1),
 @pytest.mark.parametrize("d,lk,group", VEC_SHAPES)
 @pytest.mark.parametrize("dtype", [F32, F16])
 @pytest.mark.parametrize("causal", [False, True])
-def test_vector_path(d, lk, group, dtype, causal):
+def test_vector_path(d, lk, group, dtype, causal, device):
     lq = lk if causal else (lk % 7) + 5
-    q, k, v = qkv(2 if lk < 500 else 1, 2 * group, 2, lq, lk, d, dtype, seed=d + lk)
+    q, k, v = qkv(2 if lk < 500 else 1, 2 * group, 2, lq, lk, d, dtype, seed=d + lk, device=device)
     op = vorta_addons.sdp_causal if causal else vorta_addons.sdp_non_causal
     counts = count_records(lambda: check(op(q, k, v, None, 1 / math.sqrt(d)), q, k, v, None,
                                          1 / math.sqrt(d), causal), *KERNELS)
@@ -96,8 +85,8 @@ def padded_base(out):
 
 
 @pytest.mark.parametrize("lq", [1, 257])
-def test_vector_result_is_a_view_of_a_256_row_buffer(lq):
-    q, k, v = qkv(1, 2, 1, lq, lq, 128, F32)
+def test_vector_result_is_a_view_of_a_256_row_buffer(lq, device):
+    q, k, v = qkv(1, 2, 1, lq, lq, 128, F32, device=device)
     out = vorta_addons.sdp_causal(q, k, v, None, 0.1)
     rows = (lq + 255) // 256 * 256
     assert out.shape == (1, 2, lq, 128) and out.stride() == (2 * rows * 128, rows * 128, 128, 1)
@@ -109,10 +98,10 @@ def test_vector_result_is_a_view_of_a_256_row_buffer(lq):
 @pytest.mark.parametrize("fam", [KESTREL, FINCH, OSPREY, LARK])
 @pytest.mark.parametrize("d,lk,dtype,causal", [(64, 33, F32, True), (80, 129, F16, False),
                                                (128, 127, F32, False), (128, 200, F16, True)])
-def test_matrix_engine_path(family, fam, d, lk, dtype, causal):
+def test_matrix_engine_path(family, fam, d, lk, dtype, causal, device):
     family(fam)
     lq = lk if causal else 9
-    q, k, v = qkv(1, 4, 1, lq, lk, d, dtype, seed=fam)
+    q, k, v = qkv(1, 4, 1, lq, lk, d, dtype, seed=fam, device=device)
     op = vorta_addons.sdp_causal if causal else vorta_addons.sdp_non_causal
     out = []
     counts = count_records(lambda: out.append(op(q, k, v, None, 0.125)), *KERNELS)
@@ -122,9 +111,9 @@ def test_matrix_engine_path(family, fam, d, lk, dtype, causal):
 
 
 @pytest.mark.parametrize("fam,d", [(KESTREL, 96), (WREN, 128), (OTHER, 64), (LARK, 256)])
-def test_families_and_head_sizes_without_the_engine_take_the_vector_path(family, fam, d):
+def test_families_and_head_sizes_without_the_engine_take_the_vector_path(family, fam, d, device):
     family(fam)
-    q, k, v = qkv(1, 2, 2, 5, 5, d, F32)
+    q, k, v = qkv(1, 2, 2, 5, 5, d, F32, device=device)
     counts = count_records(lambda: vorta_addons.sdp_non_causal(q, k, v, None, 0.2),
                            "sdp vec kernel", "sdp sysa kernel")
     assert counts == {"sdp vec kernel": 1, "sdp sysa kernel": 0}
@@ -133,10 +122,10 @@ def test_families_and_head_sizes_without_the_engine_take_the_vector_path(family,
 @pytest.mark.parametrize("fam", [OTHER, KESTREL])
 @pytest.mark.parametrize("dtype", [F32, F16])
 @pytest.mark.parametrize("causal,lq,lk", [(True, 33, 33), (False, 4, 129)])
-def test_fp8_caches(family, fam, dtype, causal, lq, lk):
+def test_fp8_caches(family, fam, dtype, causal, lq, lk, device):
     family(fam)
-    kb, vb, kf, vf = fp8_cache(1, 2, lk, 64, seed=lk)
-    q = torch.randn(1, 6, lq, 64).to(dtype)
+    kb, vb, kf, vf = fp8_cache(1, 2, lk, 64, seed=lk, device=device)
+    q = torch.randn(1, 6, lq, 64).to(dtype).to(device)
     op = vorta_addons.sdp_fp8_causal if causal else vorta_addons.sdp_fp8_non_causal
     out = []
     counts = count_records(lambda: out.append(op(q, kb, vb, None, 0.125)), *KERNELS)
@@ -145,20 +134,20 @@ def test_fp8_caches(family, fam, dtype, causal, lq, lk):
     check(out[0], q, kf, vf, None, 0.125, causal)
 
 
-def test_fp8_value_code_zero_is_small_not_zero():
-    kb = torch.full((1, 1, 3, 64), 0x48, dtype=torch.uint8)  # key 1.0 everywhere
-    vb = torch.zeros(1, 1, 3, 64, dtype=torch.uint8)
-    out = vorta_addons.sdp_fp8_non_causal(torch.ones(1, 1, 2, 64), kb, vb, None, 0.1)
+def test_fp8_value_code_zero_is_small_not_zero(device):
+    kb = torch.full((1, 1, 3, 64), 0x48, dtype=torch.uint8, device=device)  # key 1.0 everywhere
+    vb = torch.zeros(1, 1, 3, 64, dtype=torch.uint8, device=device)
+    out = vorta_addons.sdp_fp8_non_causal(torch.ones(1, 1, 2, 64, device=device), kb, vb, None, 0.1)
     assert torch.all(out == 0.0002593994140625)
 
 
 @pytest.mark.parametrize("dtype", [F32, F16])
 @pytest.mark.parametrize("kind", ["per-head", "broadcast", "padded-per-head", "padded-odd-tail"])
 @pytest.mark.parametrize("fam", [OTHER, LARK])
-def test_masks(family, fam, dtype, kind):
+def test_masks(family, fam, dtype, kind, device):
     family(fam)
     lq, lk, h = 6, 100, 4
-    q, k, v = qkv(2, h, 2, lq, lk, 64, dtype, seed=3)
+    q, k, v = qkv(2, h, 2, lq, lk, 64, dtype, seed=3, device=device)
     g = torch.Generator().manual_seed(5)
     heads = 1 if kind == "broadcast" else h
     width = 128 if kind.startswith("padded") else lk
@@ -166,6 +155,7 @@ def test_masks(family, fam, dtype, kind):
     mask[..., :lk][torch.rand(2, heads, lq, lk, generator=g) < 0.3] = -10000.0
     if kind == "padded-odd-tail":
         mask[..., lk:] = 7.0  # columns past kv_len are never read
+    mask = mask.to(device)
     out = vorta_addons.sdp_non_causal(q, k, v, mask, 0.125)
     # A mask of width kv_len is padded keeping head 0 only; a padded one is used as it is.
     effective = mask[:, :1, :, :lk] if width == lk else mask[..., :lk]
@@ -173,10 +163,10 @@ def test_masks(family, fam, dtype, kind):
 
 
 @pytest.mark.parametrize("fam", [OTHER, KESTREL])
-def test_rows_masked_far_below_the_half_range_still_average(family, fam):
+def test_rows_masked_far_below_the_half_range_still_average(family, fam, device):
     family(fam)
-    q, k, v = qkv(1, 2, 1, 5, 70, 64, F32)
-    mask = torch.zeros(1, 1, 5, 70)
+    q, k, v = qkv(1, 2, 1, 5, 70, 64, F32, device=device)
+    mask = torch.zeros(1, 1, 5, 70, device=device)
     mask[0, 0, 1] = torch.finfo(torch.float32).min
     mask[0, 0, 3, :40] = -1e9
     out = vorta_addons.sdp_non_causal(q, k, v, mask, 0.125)
@@ -184,19 +174,19 @@ def test_rows_masked_far_below_the_half_range_still_average(family, fam):
     check(out, q, k, v, mask, 0.125, False, kv_half=fam == KESTREL)
 
 
-def test_causal_with_a_mask_keeps_top_left_alignment():
-    q, k, v = qkv(1, 2, 1, 40, 40, 80, F32)
-    mask = torch.randn(1, 1, 40, 40)
+def test_causal_with_a_mask_keeps_top_left_alignment(device):
+    q, k, v = qkv(1, 2, 1, 40, 40, 80, F32, device=device)
+    mask = torch.randn(1, 1, 40, 40).to(device)
     out = vorta_addons.sdp_causal(q, k, v, mask, 0.3)
     check(out, q, k, v, mask, 0.3, True)
 
 
 @pytest.mark.parametrize("fam", [KESTREL, LARK])
 @pytest.mark.parametrize("dtype", [F32, F16])
-def test_siglip(family, fam, dtype):
+def test_siglip(family, fam, dtype, device):
     family(fam)
-    q, k, v = qkv(2, 3, 3, 50, 70, 72, dtype, seed=7)
-    mask = torch.randn(2, 1, 50, 70).to(dtype)
+    q, k, v = qkv(2, 3, 3, 50, 70, 72, dtype, seed=7, device=device)
+    mask = torch.randn(2, 1, 50, 70).to(dtype).to(device)
     out = []
     counts = count_records(lambda: out.append(vorta_addons.siglip_sdp_non_causal(q, k, v, mask)),
                            *KERNELS)
@@ -208,9 +198,9 @@ def test_siglip(family, fam, dtype):
 @pytest.mark.parametrize("causal", [False, True])
 @pytest.mark.parametrize("dtype", [F32, F16])
 @pytest.mark.parametrize("d,lk,group", [(128, 70, 2), (256, 33, 1), (80, 129, 3)])
-def test_gemma2_soft_capping(causal, dtype, d, lk, group):
-    q, k, v = qkv(2, 2 * group, 2, lk if causal else 11, lk, d, dtype, seed=d)
-    mask = (torch.randn(2, 1, q.shape[2], lk) * 2).to(dtype)
+def test_gemma2_soft_capping(causal, dtype, d, lk, group, device):
+    q, k, v = qkv(2, 2 * group, 2, lk if causal else 11, lk, d, dtype, seed=d, device=device)
+    mask = (torch.randn(2, 1, q.shape[2], lk) * 2).to(dtype).to(device)
     op = vorta_addons.gemma2_sdp_causal if causal else vorta_addons.gemma2_sdp
     name = "gemma2 sdp causal" if causal else "gemma2 sdp"
     out = []
@@ -219,8 +209,9 @@ def test_gemma2_soft_capping(causal, dtype, d, lk, group):
     check(out[0], q, k, v, mask, 0.4, causal, softcap=5.0)
 
 
-def test_strided_inputs_are_read_in_place():
-    base = torch.randn(1, 40, 4, 3, 64)  # [b, seq, heads, qkv, d], as a fused projection lays it out
+def test_strided_inputs_are_read_in_place(device):
+    # [b, seq, heads, qkv, d], as a fused projection lays it out
+    base = torch.randn(1, 40, 4, 3, 64).to(device)
     q, k, v = (base[:, :, :, i].transpose(1, 2) for i in range(3))
     out = vorta_addons.sdp_causal(q, k, v, None, 0.125)
     check(out, q, k, v, None, 0.125, True)
