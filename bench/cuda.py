@@ -25,29 +25,8 @@ GRAPH_CALLS = 64         # calls per captured graph
 BUDGET_MS = 300.0        # timed repetitions per measurement, by total time
 
 
-def _sync_median_us(pairs):
-    torch.cuda.synchronize()
-    return statistics.median(s.elapsed_time(e) for s, e in pairs) * 1e3
-
-
-def event_time_us(fn, setup=None, warmup=3):
-    """Median time of fn() in microseconds, each call between two events."""
-    for _ in range(warmup):
-        if setup:
-            setup()
-        fn()
-    torch.cuda.synchronize()
-    first = []
-    for _ in range(3):
-        if setup:
-            setup()
-        s, e = torch.cuda.Event(enable_timing=True), torch.cuda.Event(enable_timing=True)
-        s.record()
-        fn()
-        e.record()
-        first.append((s, e))
-    estimate_ms = max(_sync_median_us(first) / 1e3, 1e-3)
-    reps = int(min(200, max(10, BUDGET_MS / estimate_ms)))
+def _timed_us(fn, setup, reps):
+    """Median of reps calls of fn() in microseconds, each between two events."""
     pairs = []
     for _ in range(reps):
         if setup:
@@ -57,7 +36,18 @@ def event_time_us(fn, setup=None, warmup=3):
         fn()
         e.record()
         pairs.append((s, e))
-    return _sync_median_us(pairs)
+    torch.cuda.synchronize()
+    return statistics.median(s.elapsed_time(e) for s, e in pairs) * 1e3
+
+
+def event_time_us(fn, setup=None, warmup=3):
+    """Median time of fn() in microseconds after a warm-up, repeated for about BUDGET_MS."""
+    for _ in range(warmup):
+        if setup:
+            setup()
+        fn()
+    estimate_ms = max(_timed_us(fn, setup, 3) / 1e3, 1e-3)
+    return _timed_us(fn, setup, int(min(200, max(10, BUDGET_MS / estimate_ms))))
 
 
 def graph_time_us(fn, setup=None):

@@ -57,12 +57,6 @@ std::vector<T> randv(size_t n, float scale = 1.0f, float shift = 0.0f) {
   return v;
 }
 template <typename T>
-uint64_t bits(T v) {
-  uint64_t u = 0;
-  std::memcpy(&u, &v, sizeof(T));
-  return u;
-}
-template <typename T>
 double value(T v) {
   if constexpr (std::is_integral_v<T>) return double(v);
   else return to_float(v);
@@ -74,7 +68,7 @@ void same(const std::vector<T>& cpu, const std::vector<T>& cuda, const std::stri
   ++checks;
   for (size_t i = 0; i < cpu.size(); ++i) {
     const double a = value(cpu[i]), b = value(cuda[i]);
-    if (bits(cpu[i]) != bits(cuda[i]) && !(a != a && b != b)) {
+    if (emu::to_bits(cpu[i]) != emu::to_bits(cuda[i]) && !(a != a && b != b)) {
       std::printf("FAIL %s at %zu: cpu %a cuda %a\n", what.c_str(), i, a, b);
       ++failures;
       return;
