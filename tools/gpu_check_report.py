@@ -19,15 +19,22 @@ def read(path):
 
 def pytest_counts(log):
     """The counts of the last pytest summary line in the log ({} if none)."""
-    lines = [l for l in log.splitlines() if re.search(r"\d+ (passed|failed|error)", l)]
+    lines = [l for l in log.splitlines()
+             if re.search(r"\d+ (passed|failed|error)", l) and not l.startswith("=========")]
     if not lines:
         return {}
     return {k: int(n) for n, k in re.findall(r"(\d+) (passed|failed|skipped|errors?|xfailed|deselected)",
                                                lines[-1])}
 
 
+def failed_tests(log):
+    """The ids of the tests pytest reported as failed or in error, in order, once each."""
+    return list(dict.fromkeys(re.findall(r"^(?:FAILED|ERROR) (\S+)", log, re.M)))
+
+
 def sanitizer_errors(log):
-    m = re.findall(r"ERROR SUMMARY: (\d+) error", log)
+    # memcheck: "ERROR SUMMARY: N errors"; racecheck: "RACECHECK SUMMARY: ... (N errors, M warnings)".
+    m = re.findall(r"(?:ERROR SUMMARY: |SUMMARY: .*\()(\d+) error", log)
     return int(m[-1]) if m else None
 
 
@@ -63,6 +70,7 @@ def main():
     result = {
         "steps": steps,
         "tests": pytest_counts(read(os.path.join(out, "tests.log"))),
+        "failed": failed_tests(read(os.path.join(out, "tests.log")) + read(os.path.join(out, "memcheck.log"))),
         "memcheck": {"errors": sanitizer_errors(read(os.path.join(out, "memcheck.log"))),
                      "tests": pytest_counts(read(os.path.join(out, "memcheck.log")))},
         "racecheck": {"errors": sanitizer_errors(read(os.path.join(out, "racecheck.log"))),
@@ -102,6 +110,8 @@ def main():
     t = result["tests"]
     print(f"tests      {t.get('passed', 0)} passed, {t.get('failed', 0)} failed, "
           f"{t.get('error', 0) + t.get('errors', 0)} errors, {t.get('skipped', 0)} skipped")
+    for name in result["failed"]:
+        print(f"  failed   {name}")
     for tool in ("memcheck", "racecheck"):
         r = result[tool]
         print(f"{tool:<10} {r['errors'] if r['errors'] is not None else '-'} errors over "
