@@ -38,8 +38,8 @@ at::Tensor checked_mask(const at::Tensor& query, const at::Tensor& key, const at
   return kernel_mask(given, mask);
 }
 
-// True when the query's device family has a matrix engine and its head_dim is 64, 80 or 128.
-bool use_matrix_engine(const at::Tensor& query);
+// True when the device's family has a matrix engine and head_dim is 64, 80 or 128.
+bool use_matrix_engine(const c10::Device& device, int64_t head_dim);
 
 // Layout and device the CPU kernels rely on (dense last dimension, the
 // query's device); checked by the paths after their own argument checks.
