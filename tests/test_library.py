@@ -159,10 +159,11 @@ def test_decoder_compiles_to_one_graph_per_step_kind():
     assert torch.equal(traced.k_cache, eager.k_cache) and torch.equal(traced.v_cache, eager.v_cache)
 
 
-def compiled_against_eager(device, kv_cache, rope, steps=6):
+def compiled_against_eager(device, kv_cache, rope, fixed_shapes=None, steps=6):
     w = random_weights(ONE_LAYER, seed=4, tied=False)
     kw = dict(kv_cache=kv_cache, rope=rope, batch=2, max_len=9 + steps + 1, device=device)
-    eager, compiled = VortaLlama(ONE_LAYER, w, **kw), CompiledLlama(ONE_LAYER, w, **kw)
+    eager = VortaLlama(ONE_LAYER, w, **kw)
+    compiled = CompiledLlama(ONE_LAYER, w, fixed_shapes=fixed_shapes, **kw)
     ids = prompt(ONE_LAYER, 2, 9).to(device)
     try:
         expected = generate(eager, ids, steps, penalty=1.3, keep_logits=True, device=device)
@@ -177,11 +178,13 @@ def compiled_against_eager(device, kv_cache, rope, steps=6):
     assert torch.equal(torch.stack(compiled.k_cache), eager.k_cache)
 
 
-def test_compiled_decode_matches_eager():
-    """The demo's --compile runner: fixed-shape decode steps over the whole cache under a mask
-    give the eager loop's logits; the 8-bit cache is written inside the graph."""
+@pytest.mark.parametrize("fixed_shapes,rope", [(True, "freq"), (False, "cache")])
+def test_compiled_decode_matches_eager(fixed_shapes, rope):
+    """The demo's --compile runner, with the 8-bit cache written inside the graph: decode steps
+    of one shape over the whole cache under a mask (the CUDA-graph form), or the eager steps
+    with a symbolic position, give the eager loop's logits."""
     torch._dynamo.reset()
-    compiled_against_eager("cpu", "int8", "freq")
+    compiled_against_eager("cpu", "int8", rope, fixed_shapes)
 
 
 @pytest.mark.skipif(not torch.cuda.is_available(), reason="needs a CUDA device")

@@ -1,11 +1,12 @@
 """The decoder through torch.ops.vorta_addons with its decode step under torch.compile.
 
 The prompt runs eagerly through the dispatcher operators; every decode step runs one compiled
-graph (a CUDA graph on a GPU), which needs the same shapes and addresses at every step: the
-position is a device tensor, the step's key/value rows enter the preallocated cache with
-`index_copy_`, and attention reads the whole cache under an additive mask that hides the rows
-past the position. The mask's -10000.0 becomes an exact zero in the operators' float32
-softmax, so the step computes what the eager loop computes over the rows so far.
+graph. On a GPU that graph is a CUDA graph, which replays the same shapes and addresses at
+every step: the position is a device tensor, the step's key/value rows enter the cache with
+an index, and attention reads the whole preallocated cache under an additive mask that hides
+the rows past the position. The mask's -10000.0 becomes an exact zero in the operators'
+float32 softmax, so the step computes what the eager loop computes over the rows so far.
+Elsewhere the graph takes the eager loop's steps as they are, with the position symbolic.
 """
 from __future__ import annotations
 
@@ -18,41 +19,50 @@ MASKED = -10000.0
 
 
 class CompiledLlama(VortaLlama):
-    """VortaLlama on torch.ops.vorta_addons; decode steps compiled (fullgraph, one graph)."""
+    """VortaLlama on torch.ops.vorta_addons; decode steps compiled whole (fullgraph).
 
-    def __init__(self, *args, **kwargs):
+    fixed_shapes: decode steps of one shape over the whole cache (default: on CUDA devices,
+    whose compiled steps then replay as CUDA graphs)."""
+
+    def __init__(self, *args, fixed_shapes=None, **kwargs):
         super().__init__(*args, ops=torch.ops.vorta_addons, **kwargs)
-        self.position = torch.zeros(1, dtype=torch.int64, device=self.device)
-        self.decode_mask = torch.full((1, 1, 1, self.max_len), MASKED, dtype=self.dtype, device=self.device)
-        self.cuda_graphs = self.device.type == "cuda"
-        # One tensor per layer: the compiled step then updates each in place (rows of one
-        # shared tensor would be copied out and back).
+        self.fixed_shapes = self.device.type == "cuda" if fixed_shapes is None else fixed_shapes
+        self.cuda_graphs = self.fixed_shapes and self.device.type == "cuda"
+        # One tensor per layer: a compiled step updates each in place, where rows of one
+        # shared tensor would be copied out and back.
         self.k_cache, self.v_cache = ([t.clone() for t in c] for c in (self.k_cache, self.v_cache))
-        # Every tensor the step reads keeps its address: a CUDA graph replays on them in place.
-        tensors = [t for t in vars(self).values() if isinstance(t, torch.Tensor)]
-        for t in tensors + self.k_cache + self.v_cache + [t for lw in self.layers for t in lw.values()]:
-            torch._dynamo.mark_static_address(t)
+        if self.fixed_shapes:
+            self.position = torch.zeros(1, dtype=torch.int64, device=self.device)
+            self.decode_mask = torch.full((1, 1, 1, self.max_len), MASKED, dtype=self.dtype, device=self.device)
+            # Every tensor the step reads keeps its address: a CUDA graph replays on them in place.
+            tensors = [t for t in vars(self).values() if isinstance(t, torch.Tensor)]
+            for t in tensors + self.k_cache + self.v_cache + [t for lw in self.layers for t in lw.values()]:
+                torch._dynamo.mark_static_address(t)
         self._decode = torch.compile(lambda tokens: VortaLlama._step(self, tokens), fullgraph=True,
                                      mode="reduce-overhead" if self.cuda_graphs else None)
 
     def reset(self):
         super().reset()
-        self.decode_mask.fill_(MASKED)
+        if self.fixed_shapes:
+            self.decode_mask.fill_(MASKED)
 
     def _step(self, tokens):
         L = tokens.shape[1]
         if L > 1:
-            self.decode_mask[..., :L] = 0.0
+            if self.fixed_shapes:
+                self.decode_mask[..., :L] = 0.0
             return super()._step(tokens)
-        self.position.fill_(self.pos)
-        self.decode_mask[..., self.pos] = 0.0
+        if self.fixed_shapes:
+            self.position.fill_(self.pos)
+            self.decode_mask[..., self.pos] = 0.0
         if self.cuda_graphs:
             torch.compiler.cudagraph_mark_step_begin()
-        # The graph's output buffer is reused by the next replay.
-        return self._decode(tokens).clone()
+            # The graph's output buffer is reused by the next replay.
+            return self._decode(tokens).clone()
+        return self._decode(tokens)
 
     def _attention(self, i, h, b, L):
-        if L > 1:
+        if L > 1 or not self.fixed_shapes:
             return super()._attention(i, h, b, L)
         c, ops, lw = self.cfg, self.ops, self.layers[i]
         H, K, D = c.num_heads, c.num_kv_heads, c.head_dim
