@@ -7,7 +7,7 @@ STAMP := $(VENV)/.installed
 TORCH_VERSION := 2.13.0
 JOBS ?= $(shell nproc)
 
-.PHONY: all build test test-cpp test-py bench demo clean
+.PHONY: all build test test-cpp test-py bench demo clean build-cuda test-cuda-build
 
 all: build
 
@@ -54,5 +54,30 @@ $(DEMO_STAMP): requirements-demo.txt $(STAMP)
 demo: build $(DEMO_STAMP)
 	PYTHONPATH=$(BUILD):. HF_HUB_OFFLINE=1 $(PY) -m vorta_llm $(DEMO)
 
+# The CUDA module, built beside the CPU one: torch $(CUDA_TORCH_VERSION) (a CUDA 13.0 build)
+# in its own venv, nvcc from the PATH, its own build dir. Without a GPU it
+# imports and passes the CPU test suite; VORTA_EXPECT_CUDA makes the suite
+# fail if the module it imports lacks the CUDA backend.
+CUDA_VENV := .venv-cuda
+CUDA_PY := $(CUDA_VENV)/bin/python
+CUDA_BUILD := build-cuda
+CUDA_STAMP := $(CUDA_VENV)/.installed
+CUDA_TORCH_VERSION := 2.14.1
+
+$(CUDA_STAMP): requirements-dev.txt Makefile
+	test -x $(CUDA_PY) || $(PYTHON) -m venv $(CUDA_VENV)
+	@# torch pinned in the same command, so no requirement can pull another build of it.
+	$(CUDA_PY) -m pip install -q --disable-pip-version-check torch==$(CUDA_TORCH_VERSION) -r requirements-dev.txt
+	touch $@
+
+build-cuda: $(CUDA_STAMP)
+	@flock .build-cuda.lock sh -c '\
+	  test -f $(CUDA_BUILD)/CMakeCache.txt || cmake -S . -B $(CUDA_BUILD) -DPython_EXECUTABLE=$(abspath $(CUDA_PY)) \
+	    -DVORTA_BUILD_TESTS=OFF $(CUDA_CMAKE_ARGS) >/dev/null; \
+	  cmake --build $(CUDA_BUILD) -j $(JOBS)'
+
+test-cuda-build: build-cuda
+	VORTA_BUILD_DIR=$(CUDA_BUILD) VORTA_EXPECT_CUDA=1 $(CUDA_PY) -m pytest -q tests
+
 clean:
-	rm -rf $(BUILD) .build.lock
+	rm -rf $(BUILD) $(CUDA_BUILD) .build.lock .build-cuda.lock

@@ -4,26 +4,53 @@ import sys
 import pytest
 import torch
 
-# The built module lives in build/ when the tests run from a source tree.
-_BUILD = os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "build")
-if os.path.isdir(_BUILD) and _BUILD not in sys.path:
-    sys.path.insert(0, _BUILD)
+from helpers import BUILD_DIR, CUDA_SOURCE_GROUPS
+
+# The module under test is the one in BUILD_DIR (build/, or $VORTA_BUILD_DIR).
+if os.path.isdir(BUILD_DIR) and BUILD_DIR not in sys.path:
+    sys.path.insert(0, BUILD_DIR)
 
 import vorta_addons  # noqa: E402
 
+BACKENDS = vorta_addons._testing.backends()
+CUDA_GROUPS = set(BACKENDS.get("cuda", []))
+# CUDA tests run where the module has CUDA kernels and a GPU is visible.
+GPU = "cuda" in BACKENDS and torch.cuda.is_available()
+DEVICES = ["cpu", "cuda"] if GPU else ["cpu"]
 
-def _devices():
-    devices = ["cpu"]
-    if torch.cuda.is_available() and hasattr(vorta_addons, "_testing"):
-        devices.append("cuda")
-    return devices
+
+def _build_problems():
+    """Why the imported module is not the build the environment names, if it is not."""
+    found = os.path.dirname(os.path.realpath(vorta_addons.__file__))
+    if os.path.isdir(BUILD_DIR) and found != os.path.realpath(BUILD_DIR):
+        return [f"imported {vorta_addons.__file__}, not the module in {BUILD_DIR}"]
+    problems = []
+    if os.environ.get("VORTA_EXPECT_CUDA") == "1" and CUDA_GROUPS != CUDA_SOURCE_GROUPS:
+        problems.append(f"CUDA kernels built for {sorted(CUDA_GROUPS)}, "
+                        f"but csrc/cuda/ has sources for {sorted(CUDA_SOURCE_GROUPS)}")
+    if os.environ.get("VORTA_EXPECT_GPU") == "1" and not GPU:
+        problems.append("no GPU visible to torch" if "cuda" in BACKENDS else "no CUDA backend in this build")
+    return problems
 
 
-DEVICES = _devices()
+def pytest_configure(config):
+    problems = _build_problems()
+    if problems:
+        raise pytest.UsageError("; ".join(problems))
+
+
+def pytest_report_header(config):
+    groups = ", ".join(sorted(CUDA_GROUPS)) or "none"
+    return [f"vorta_addons from {os.path.dirname(vorta_addons.__file__)}; CUDA groups: {groups}; "
+            f"devices under test: {', '.join(DEVICES)}"]
 
 
 @pytest.fixture(params=DEVICES)
 def device(request):
+    """Each device the build has kernels for; on CUDA only for the module's GROUP."""
+    group = getattr(request.module, "GROUP", None)
+    if request.param == "cuda" and group not in CUDA_GROUPS:
+        pytest.skip(f"this build has no CUDA kernels for {group}")
     return request.param
 
 

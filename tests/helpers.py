@@ -8,7 +8,16 @@ import textwrap
 
 import torch
 
-_BUILD = os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "build")
+_ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+# The build the tests import: build/ unless VORTA_BUILD_DIR names another.
+BUILD_DIR = os.path.join(_ROOT, os.environ.get("VORTA_BUILD_DIR", "build"))
+# Operator groups with CUDA sources in this tree (a build with CUDA has kernels for each).
+_CUDA_SRC = os.path.join(_ROOT, "csrc", "cuda")
+CUDA_SOURCE_GROUPS = {
+    d for d in (os.listdir(_CUDA_SRC) if os.path.isdir(_CUDA_SRC) else [])
+    if d != "common" and os.path.isdir(os.path.join(_CUDA_SRC, d))
+    and any(f.endswith(".cu") for f in os.listdir(os.path.join(_CUDA_SRC, d)))
+}
 
 
 def run_fatal(code):
@@ -17,7 +26,7 @@ def run_fatal(code):
     Returns (returncode, stderr)."""
     prelude = "import torch\nimport vorta_addons\n"
     env = dict(os.environ)
-    env["PYTHONPATH"] = os.pathsep.join(p for p in (_BUILD, env.get("PYTHONPATH")) if p)
+    env["PYTHONPATH"] = os.pathsep.join(p for p in (BUILD_DIR, env.get("PYTHONPATH")) if p)
     proc = subprocess.run(
         [sys.executable, "-c", prelude + textwrap.dedent(code)],
         capture_output=True, text=True, env=env, timeout=120,

@@ -11,6 +11,7 @@ import torch
 import vorta_addons
 from helpers import Canary, assert_fatal, count_records
 
+GROUP = "kv_cache"
 BIAS = {"key": 9, "value": 12}
 DTYPES = [torch.float32, torch.float16]
 
@@ -31,27 +32,31 @@ def ref_decode(b, code):
     return torch.where(b.long() >= 128, -mid, mid)
 
 
-def quantize(key, value):
-    kq, vq = torch.empty(key.shape, dtype=torch.uint8), torch.empty(value.shape, dtype=torch.uint8)
+def quantize(key, value, device="cpu"):
+    """The codes of CPU tensors key and value, converted on `device`."""
+    key, value = key.to(device), value.to(device)
+    kq = torch.empty(key.shape, dtype=torch.uint8, device=device)
+    vq = torch.empty(value.shape, dtype=torch.uint8, device=device)
     vorta_addons.quantize_key_value(key, value, kq, vq)
-    return kq, vq
+    return kq.cpu(), vq.cpu()
 
 
-def dequantize(kq, vq, dtype):
-    k, v = torch.empty(kq.shape, dtype=dtype), torch.empty(vq.shape, dtype=dtype)
+def dequantize(kq, vq, dtype, device="cpu"):
+    kq, vq = kq.to(device), vq.to(device)
+    k, v = torch.empty(kq.shape, dtype=dtype, device=device), torch.empty(vq.shape, dtype=dtype, device=device)
     vorta_addons.dequantize_key_value(kq, vq, k, v)
-    return k, v
+    return k.cpu(), v.cpu()
 
 
-def test_encode_every_fp16_pattern():
+def test_encode_every_fp16_pattern(device):
     x = torch.arange(-32768, 32768, dtype=torch.int32).to(torch.int16).view(torch.float16).view(1, 4, 128, 128)
-    kq, vq = quantize(x, x.flip(-1))
+    kq, vq = quantize(x, x.flip(-1), device)
     ok = ~torch.isnan(x)  # NaN codes are not defined
     assert torch.equal(kq[ok], ref_encode(x, "key")[ok])
     assert torch.equal(vq.flip(-1)[ok], ref_encode(x, "value")[ok])
 
 
-def test_encode_fp32_rounds_to_fp16_first():
+def test_encode_fp32_rounds_to_fp16_first(device):
     # Midpoints between neighbouring fp16 values (ties go to the even pattern)
     # and their float32 neighbours; truncating float32 directly gets many wrong.
     h = torch.arange(0, 0x7BFF, dtype=torch.int32).to(torch.int16).view(torch.float16).double()
@@ -60,51 +65,52 @@ def test_encode_fp32_rounds_to_fp16_first():
                       torch.tensor([65504.0, 65520.0, 1e30, 1e-30, 0.0, float("inf")])])
     vals = torch.cat([vals, -vals])
     vals = torch.cat([vals, torch.zeros(-vals.numel() % 128)]).view(1, 1, -1, 128)
-    kq, vq = quantize(vals, vals)
+    kq, vq = quantize(vals, vals, device)
     assert torch.equal(kq, ref_encode(vals, "key"))
     assert torch.equal(vq, ref_encode(vals, "value"))
 
 
 @pytest.mark.parametrize("dtype", DTYPES)
-def test_decode_every_byte(dtype):
+def test_decode_every_byte(dtype, device):
     b = torch.arange(256, dtype=torch.uint8).view(1, 1, 2, 128)
-    k, v = dequantize(b, b.flip(-2), dtype)
+    k, v = dequantize(b, b.flip(-2), dtype, device)
     assert torch.equal(k.double(), ref_decode(b, "key"))
     assert torch.equal(v.double(), ref_decode(b.flip(-2), "value"))
 
 
-def test_documented_values():
+def test_documented_values(device):
     # Also pins the reference: 1.0 is 0x48 as a key but 0x60 as a value.
     x = torch.tensor([0.0, -0.0, 1000.0, -20.0, 1.0, 1.0625, 1.12] + [0.0] * 57).view(1, 1, 1, 64)
-    kq, vq = quantize(x, x)
+    kq, vq = quantize(x, x, device)
     assert kq[0, 0, 0, :7].tolist() == [0x00, 0x80, 0x7F, 0xEA, 0x48, 0x48, 0x48]
     assert vq[0, 0, 0, :4].tolist() == [0x00, 0x80, 0x7F, 0xFF] and vq[0, 0, 0, 4] == 0x60
-    k, v = dequantize(kq, vq, torch.float32)
+    k, v = dequantize(kq, vq, torch.float32, device)
     assert k[0, 0, 0, :5].tolist() == [0.0020751953125, -0.0020751953125, 124.0, -21.0, 1.0625]
     assert v[0, 0, 0, :4].tolist() == [0.0002593994140625, -0.0002593994140625, 15.5, -15.5]
 
 
 @pytest.mark.parametrize("key_dim,value_dim", [(64, 64), (80, 80), (96, 96), (128, 128), (192, 192), (192, 128)])
 @pytest.mark.parametrize("dtype", DTYPES)
-def test_round_trip_on_strided_caches(key_dim, value_dim, dtype):
+def test_round_trip_on_strided_caches(key_dim, value_dim, dtype, device):
     # Inputs are [b, s, h, d] projections seen as [b, h, s, d]; outputs are a
     # window of a preallocated cache; nothing around either window changes.
     g = torch.Generator().manual_seed(key_dim + value_dim)
     bsz, heads, seq = 2, 3, 5
-    key = (torch.randn(bsz, seq, heads, key_dim, generator=g) * 20).to(dtype).transpose(1, 2)
-    value = (torch.randn(bsz, seq, heads, value_dim, generator=g) * 2).to(dtype).transpose(1, 2)
-    kbase = torch.full((bsz, heads, 11, key_dim), 0x5A, dtype=torch.uint8)
-    vbase = torch.full((bsz, heads, 11, value_dim), 0x5A, dtype=torch.uint8)
+    key = (torch.randn(bsz, seq, heads, key_dim, generator=g) * 20).to(dtype).to(device).transpose(1, 2)
+    value = (torch.randn(bsz, seq, heads, value_dim, generator=g) * 2).to(dtype).to(device).transpose(1, 2)
+    kbase = torch.full((bsz, heads, 11, key_dim), 0x5A, dtype=torch.uint8, device=device)
+    vbase = torch.full((bsz, heads, 11, value_dim), 0x5A, dtype=torch.uint8, device=device)
     kq, vq = kbase[:, :, 4:4 + seq], vbase[:, :, 4:4 + seq]
     canaries = [Canary(kbase, kq), Canary(vbase, vq)]
     vorta_addons.quantize_key_value(key, value, kq, vq)
-    assert torch.equal(kq, ref_encode(key, "key")) and torch.equal(vq, ref_encode(value, "value"))
+    assert torch.equal(kq.cpu(), ref_encode(key.cpu(), "key")) and torch.equal(vq.cpu(), ref_encode(value.cpu(), "value"))
     if key_dim == value_dim:
-        obase = torch.full((bsz, seq, 2 * heads, key_dim + 16), -3.0, dtype=dtype)
+        obase = torch.full((bsz, seq, 2 * heads, key_dim + 16), -3.0, dtype=dtype, device=device)
         kout, vout = (obase[:, :, h, 8:8 + key_dim].transpose(1, 2) for h in (slice(0, heads), slice(heads, None)))
         canaries += [Canary(obase, obase[:, :, :, 8:8 + key_dim])]
         vorta_addons.dequantize_key_value(kq, vq, kout, vout)
-        assert torch.equal(kout.double(), ref_decode(kq, "key")) and torch.equal(vout.double(), ref_decode(vq, "value"))
+        assert torch.equal(kout.double().cpu(), ref_decode(kq.cpu(), "key"))
+        assert torch.equal(vout.double().cpu(), ref_decode(vq.cpu(), "value"))
     for c in canaries:
         c.check()
 

@@ -8,13 +8,15 @@ import torch.nn.functional as F
 import vorta_addons
 from helpers import assert_fatal, count_records
 
+GROUP = "moe"
+
 
 @pytest.mark.parametrize("dtype", [torch.float32, torch.float16])
 @pytest.mark.parametrize("n_experts,top_k", [(256, 8), (64, 6), (16, 20), (256, 32), (128, 1)])
 @pytest.mark.parametrize("renormalize", [False, True])
-def test_softmax_topk_matches_reference(dtype, n_experts, top_k, renormalize):
+def test_softmax_topk_matches_reference(dtype, n_experts, top_k, renormalize, device):
     x = (torch.randn(97, n_experts) * 3).to(dtype)
-    ids, w = vorta_addons.moe_softmax_topk(x, top_k, renormalize)
+    ids, w = (t.cpu() for t in vorta_addons.moe_softmax_topk(x.to(device), top_k, renormalize))
     # 256 lanes, the unused ones 0.0; ties to the lowest lane
     p = F.pad(torch.softmax(x.double(), -1), (0, 256 - n_experts))
     ref_w, ref_ids = torch.sort(p, dim=-1, descending=True, stable=True)
@@ -25,11 +27,11 @@ def test_softmax_topk_matches_reference(dtype, n_experts, top_k, renormalize):
     torch.testing.assert_close(w.double(), ref_w, rtol=2e-6 if dtype == torch.float32 else 1e-3, atol=1e-7)
 
 
-def test_softmax_topk_ties_go_to_the_lowest_expert():
+def test_softmax_topk_ties_go_to_the_lowest_expert(device):
     x = torch.randn(3, 32) * 0.1
     x[:, [3, 7, 30]] = 4.0
     x[2, 1] = 4.0
-    ids, w = vorta_addons.moe_softmax_topk(x, 4, False)
+    ids, w = vorta_addons.moe_softmax_topk(x.to(device), 4, False)
     assert ids[:2, :3].tolist() == [[3, 7, 30]] * 2 and ids[2].tolist() == [1, 3, 7, 30]
     assert (w[:, :3] == w[:, :1]).all()
 
@@ -76,34 +78,37 @@ def ref_group_topk(scores, bias, n_groups, topk_group, top_k, renormalize, eps, 
     ("half", -3.0),   # below -1.0: taken lanes (-1.0) win again
 ])
 @pytest.mark.parametrize("renormalize", [False, True])
-def test_group_topk_matches_reference(n_experts, n_groups, topk_group, top_k, bias_kind, shift, renormalize):
+def test_group_topk_matches_reference(n_experts, n_groups, topk_group, top_k, bias_kind, shift, renormalize,
+                                      device):
     scores = torch.rand(24, n_experts)
     bias = None if bias_kind == "none" else (torch.randn(n_experts) * 0.1 + shift).to(
         torch.float16 if bias_kind == "half" else torch.float32)
     # epsilon first, routed_scaling_factor second; the third integer is ignored
-    ids, w = vorta_addons.moe_group_topk(scores, bias, n_groups, topk_group, 123, top_k, renormalize, 0.25, 2.5)
+    ids, w = (t.cpu() for t in vorta_addons.moe_group_topk(
+        scores.to(device), None if bias is None else bias.to(device), n_groups, topk_group, 123, top_k,
+        renormalize, 0.25, 2.5))
     ref_ids, ref_w = ref_group_topk(scores, bias, n_groups, topk_group, top_k, renormalize, 0.25, 2.5)
     assert w.dtype == (torch.float32 if bias is None else bias.dtype) and ids.dtype == torch.int64
     assert torch.equal(ids, ref_ids) and torch.equal(w, ref_w.to(w.dtype))
 
 
-def test_group_ties_rank_the_lower_group_first():
+def test_group_ties_rank_the_lower_group_first(device):
     scores = torch.full((1, 64), 0.0625)
     scores[0, [0, 1, 16, 17, 32, 33]] = torch.tensor([0.875, 0.875, 0.75, 0.25, 0.5, 0.5])
     # group sums of the top 2: 1.75, 1.0, 1.0, 0.125: group 1 is kept, group 2 is not
-    ids, _ = vorta_addons.moe_group_topk(scores, None, 4, 2, 0, 4, False, 0.0, 1.0)
+    ids, _ = vorta_addons.moe_group_topk(scores.to(device), None, 4, 2, 0, 4, False, 0.0, 1.0)
     assert ids.tolist() == [[0, 1, 16, 17]]
 
 
-def test_masked_groups_hold_zero_not_minus_infinity():
-    bias = torch.full((32,), -0.9)  # kept experts score -0.4 < 0.0
-    ids, w = vorta_addons.moe_group_topk(torch.full((1, 32), 0.5), bias, 2, 1, 0, 2, True, 0.0, 3.0)
+def test_masked_groups_hold_zero_not_minus_infinity(device):
+    bias = torch.full((32,), -0.9, device=device)  # kept experts score -0.4 < 0.0
+    ids, w = vorta_addons.moe_group_topk(torch.full((1, 32), 0.5, device=device), bias, 2, 1, 0, 2, True, 0.0, 3.0)
     assert ids.tolist() == [[16, 17]] and w.tolist() == [[1.5, 1.5]]  # unbiased, renormalised, scaled
 
 
 @pytest.mark.parametrize("op", ["softmax", "group"])
-def test_nan_row_gives_expert_zero(op):
-    x = torch.rand(2, 64)
+def test_nan_row_gives_expert_zero(op, device):
+    x = torch.rand(2, 64, device=device)
     x[1, 5 if op == "softmax" else slice(None)] = float("nan")
     ids, _ = vorta_addons.moe_softmax_topk(x, 3, True) if op == "softmax" else \
         vorta_addons.moe_group_topk(x, None, 4, 2, 0, 3, False, 0.0, 1.0)

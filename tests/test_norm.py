@@ -5,6 +5,7 @@ import torch
 import vorta_addons
 from helpers import assert_fatal, count_records
 
+GROUP = "norm"
 HIDDEN = [32, 1056, 4096, 8192]
 DTYPES = [torch.float32, torch.float16]
 

@@ -10,6 +10,7 @@ import torch
 import vorta_addons
 from helpers import Canary, assert_fatal, count_records
 
+GROUP = "rotary"
 HALF_DIMS = [256, 128, 96, 80, 64, 40, 32, 20, 16]
 TWO_DIMS = [128, 96, 64]
 BSZ, SEQ, HEADS, KV_HEADS = 3, 7, 4, 2
@@ -30,13 +31,13 @@ def rotate(x, c, s, every_two, rotary_dim):
     return out
 
 
-def qk_views(head_dim, dtype, seed, bsz=BSZ, seq=SEQ, heads=HEADS, kv_heads=KV_HEADS):
+def qk_views(head_dim, dtype, seed, bsz=BSZ, seq=SEQ, heads=HEADS, kv_heads=KV_HEADS, device="cpu"):
     """query/key as [bsz, heads, seq, head_dim] windows of [bsz, seq, heads + 1, head_dim + 8]
     projections (odd element offset, padded rows), with canaries on the projections."""
     g = torch.Generator().manual_seed(seed)
     views = []
     for h in (heads, kv_heads):
-        base = torch.randn(bsz, seq, h + 1, head_dim + 8, generator=g).to(dtype)
+        base = torch.randn(bsz, seq, h + 1, head_dim + 8, generator=g).to(dtype).to(device)
         view = base[:, :, 1:, 3:3 + head_dim].transpose(1, 2)
         views += [view, Canary(base, view)]
     return views
@@ -74,17 +75,18 @@ def check_inv_freq_result(out, x, c64, s64, every_two):
 
 @pytest.mark.parametrize("every_two,head_dim", [(False, d) for d in HALF_DIMS] + [(True, d) for d in TWO_DIMS])
 @pytest.mark.parametrize("dtype", [torch.float32, torch.float16])
-def test_inv_freq_rotation(every_two, head_dim, dtype):
-    q, qc, k, kc = qk_views(head_dim, dtype, seed=head_dim)
+def test_inv_freq_rotation(every_two, head_dim, dtype, device):
+    q, qc, k, kc = qk_views(head_dim, dtype, seed=head_dim, device=device)
     inv_freq = (1.0 / 10000 ** (torch.arange(0, head_dim, 2) / head_dim)).to(dtype)
     # One position row shared by the batch for some sizes; per-row, with row stride SEQ + 5, for others.
     positions = torch.randint(0, 1 << 17, (1, SEQ)) if head_dim in (20, 128) else \
         torch.randint(0, 1 << 17, (BSZ, SEQ + 5))[:, 2:2 + SEQ]
     positions[0, 0] = 0
-    q0, k0 = q.clone(), k.clone()
+    q0, k0 = q.cpu().clone(), k.cpu().clone()
     op = vorta_addons.rotary_two_inplaced if every_two else vorta_addons.rotary_half_inplaced
-    op(inv_freq, positions, q, k)
+    op(inv_freq.to(device), positions.to(device), q, k)
     qc.check(), kc.check()
+    q, k = q.cpu(), k.cpu()
     c64, s64 = inv_freq_angles(inv_freq, positions)
     check_inv_freq_result(q, q0, c64, s64, every_two)
     check_inv_freq_result(k, k0, c64, s64, every_two)
@@ -109,19 +111,20 @@ def cache_tables(rotary_dim, kind, dtype, g):
 @pytest.mark.parametrize("rotary_dim", [64, 32, 22, 37, 2])
 @pytest.mark.parametrize("kind", CACHE_KINDS)
 @pytest.mark.parametrize("dtype", [torch.float32, torch.float16, torch.bfloat16])
-def test_cache_rotation_is_exact(rotary_dim, kind, dtype):
+def test_cache_rotation_is_exact(rotary_dim, kind, dtype, device):
     g = torch.Generator().manual_seed(rotary_dim)
-    q, qc, k, kc = qk_views(64, dtype, seed=rotary_dim, bsz=2)
+    q, qc, k, kc = qk_views(64, dtype, seed=rotary_dim, bsz=2, device=device)
     cos, sin, c, s = cache_tables(rotary_dim, kind, dtype, g)
     every_two = kind != "half"
-    q_ref, k_ref = (rotate(t, c, s, every_two, rotary_dim) for t in (q, k))
+    q_ref, k_ref = (rotate(t.cpu(), c, s, every_two, rotary_dim) for t in (q, k))
+    cos, sin = cos.to(device), sin.to(device)
     if every_two:
         vorta_addons.rotary_two_with_cache_inplaced(q, k, cos, sin, kind == "two_half_layout")
     else:
         vorta_addons.rotary_half_with_cache_inplaced(q, k, cos, sin)
     qc.check(), kc.check()
-    assert torch.equal(q, q_ref)
-    assert torch.equal(k, k_ref)
+    assert torch.equal(q.cpu(), q_ref)
+    assert torch.equal(k.cpu(), k_ref)
 
 
 @pytest.mark.parametrize("call,message", [

@@ -5,45 +5,49 @@ import torch
 import vorta_addons
 from helpers import assert_fatal, canary_view, count_records
 
+GROUP = "elementwise"
 DTYPES = [torch.float32, torch.float16]
 PENALTY = torch.tensor(1.3, dtype=torch.float32)  # passed on as its exact float32 value
 
 
 @pytest.mark.parametrize("dtype", DTYPES)
 @pytest.mark.parametrize("bsz,vocab,seq_len", [(1, 50, 3), (3, 1000, 77), (5, 32000, 300)])
-def test_penalty_on_strided_rows(dtype, bsz, vocab, seq_len):
-    scores, canary = canary_view((bsz, vocab + 13), dtype, lambda t: t[:, 5:5 + vocab])
+def test_penalty_on_strided_rows(dtype, bsz, vocab, seq_len, device):
+    scores, canary = canary_view((bsz, vocab + 13), dtype, lambda t: t[:, 5:5 + vocab], device=device)
     scores.copy_(torch.randn(bsz, vocab) * 4)
     scores[:, :4] = 0.0
-    ids = torch.randint(0, vocab, (bsz, 2 * seq_len + 1))[:, 1:1 + seq_len]  # row stride 2 * seq_len + 1
+    ids = torch.randint(0, vocab, (bsz, 2 * seq_len + 1)).to(device)[:, 1:1 + seq_len]  # row stride 2 * seq_len + 1
     ids[:, 0] = ids[:, -1] = 2  # a repeated zero logit
-    expected = scores.clone()
+    expected = scores.cpu().clone()
     for b in range(bsz):  # each distinct id once, from the unpenalised logit
-        cols = torch.unique(ids[b])
-        x = scores[b, cols].float()
+        cols = torch.unique(ids[b].cpu())
+        x = expected[b, cols].float()
         expected[b, cols] = torch.where(x > 0, x / PENALTY, x * PENALTY).to(dtype)
     vorta_addons.repetition_penalty_logits_process_inplaced(scores, ids, PENALTY.item())
-    assert torch.equal(scores, expected)
+    assert torch.equal(scores.cpu(), expected)
     canary.check()
 
 
 @pytest.mark.parametrize("dtype", DTYPES)
 @pytest.mark.parametrize("logit,expected", [(2.0, 1.0), (-2.0, -4.0), (0.0, 0.0)])
-def test_repeated_token_is_penalised_once(dtype, logit, expected):
-    scores = torch.zeros(2, 8, dtype=dtype)
+def test_repeated_token_is_penalised_once(dtype, logit, expected, device):
+    scores = torch.zeros(2, 8, dtype=dtype, device=device)
     scores[1, 5] = logit
-    vorta_addons.repetition_penalty_logits_process_inplaced(scores, torch.tensor([[1, 2, 3], [5, 5, 5]]), 2.0)
+    ids = torch.tensor([[1, 2, 3], [5, 5, 5]], device=device)
+    vorta_addons.repetition_penalty_logits_process_inplaced(scores, ids, 2.0)
     assert scores[1, 5].item() == expected
 
 
 @pytest.mark.parametrize("dtype", DTYPES)
 @pytest.mark.parametrize("shape", [(2, 3, 4, 5), (6, 7, 37), (1, 2, 16, 1024), (3, 2, 1)])
-def test_softmax_matches_reference(dtype, shape):
+def test_softmax_matches_reference(dtype, shape, device):
     a = (torch.randn(shape) * 5 + 100).to(dtype)  # exp(x) alone would overflow
     a.view(-1, shape[-1])[::3, ::2] = -10000.0  # masked positions
-    ref, ptr = torch.softmax(a.double(), -1), a.data_ptr()
+    ref, a = torch.softmax(a.double(), -1), a.to(device)
+    ptr = a.data_ptr()
     vorta_addons.attn_softmax_inplaced(a)
     assert a.data_ptr() == ptr and a.dtype == dtype
+    a = a.cpu()
     if dtype == torch.float32:
         torch.testing.assert_close(a.double(), ref, rtol=2e-6, atol=1e-9)
     else:

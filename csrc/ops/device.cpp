@@ -9,7 +9,7 @@
 #include <string>
 
 #if VORTA_WITH_CUDA
-#include <cuda_runtime_api.h>
+#include "cuda/device.h"
 #endif
 
 namespace vorta {
@@ -46,9 +46,9 @@ DeviceInfo query(const c10::Device& device) {
   if (device.is_cpu()) return cpu_info();
 #if VORTA_WITH_CUDA
   if (device.is_cuda()) {
-    cudaDeviceProp prop{};
-    if (cudaGetDeviceProperties(&prop, device.index()) != cudaSuccess) return {"", 0, 0};
-    return {prop.name, uint32_t(prop.warpSize), uint32_t(prop.pciDeviceID)};
+    // Read once per device: cudaGetDeviceProperties costs more than a launch.
+    const cuda::DeviceIdentity& id = cuda::device_identity(device.index());
+    return {id.name, id.warp_size, id.pci_device_id};
   }
 #endif
   return {"", 0, 0};

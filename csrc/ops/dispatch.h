@@ -50,13 +50,18 @@ void dispatch_int(int64_t value, const char* message, F&& f) {
   TORCH_CHECK(found, message);
 }
 
+// Element pointers. 16-bit float types are torch's in another name, so their
+// pointers are taken untyped; byte tensors go through torch's typed access,
+// which rejects any other dtype.
 template <typename T>
 inline const T* const_ptr(const at::Tensor& t) {
-  return static_cast<const T*>(t.const_data_ptr());
+  if constexpr (std::is_same_v<T, uint8_t>) return t.const_data_ptr<uint8_t>();
+  else return static_cast<const T*>(t.const_data_ptr());
 }
 template <typename T>
 inline T* mut_ptr(const at::Tensor& t) {
-  return static_cast<T*>(t.data_ptr());
+  if constexpr (std::is_same_v<T, uint8_t>) return t.data_ptr<uint8_t>();
+  else return static_cast<T*>(t.data_ptr());
 }
 
 }  // namespace vorta

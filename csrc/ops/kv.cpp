@@ -1,9 +1,13 @@
 // Key/value caches to and from the 8-bit codes: checks and launch.
 #include "common/fatal.h"
-#include "cpu/kv.h"
+#include "cpu/kv_cache.h"
 #include "ops/dispatch.h"
 #include "ops/launch.h"
 #include "ops/ops.h"
+
+#if VORTA_CUDA_KV_CACHE
+#include "cuda/kv_cache.h"
+#endif
 
 namespace vorta {
 namespace {
@@ -12,12 +16,12 @@ constexpr char kAssertSource[] = "kv";
 
 constexpr char kHeadDims[] = "unsupported head_dim, only 192, 128, 96, 80 and 64 are supported";
 
-cpu::KvRows kv_rows(const at::Tensor& key, const at::Tensor& value, const at::Tensor& key_output,
-                    const at::Tensor& value_output) {
+KvRows kv_rows(const at::Tensor& key, const at::Tensor& value, const at::Tensor& key_output,
+               const at::Tensor& value_output) {
   auto strides = [](const at::Tensor& t, int64_t* out) {
     for (int d = 0; d < 3; ++d) out[d] = t.stride(d);
   };
-  cpu::KvRows rows{key.size(0), key.size(1), key.size(2), {}, {}, {}, {}};
+  KvRows rows{key.size(0), key.size(1), key.size(2), {}, {}, {}, {}};
   strides(key, rows.key_stride);
   strides(value, rows.value_stride);
   strides(key_output, rows.key_out_stride);
@@ -48,40 +52,36 @@ void check_row_grid(const at::Tensor& value, const at::Tensor& key_output,
   VORTA_ASSERT(value.size(2) == seq_len && key_output.size(2) == seq_len && value_output.size(2) == seq_len);
 }
 
-template <typename T>
-void quantize_key_value_kernel(const at::Tensor& key, const at::Tensor& value,
-                               const at::Tensor& key_output, const at::Tensor& value_output) {
-  const T* k = const_ptr<T>(key);
-  const T* v = const_ptr<T>(value);
-  uint8_t* k_out = key_output.data_ptr<uint8_t>();
-  uint8_t* v_out = value_output.data_ptr<uint8_t>();
+// The conversion of one call; Src and Dst are T and uint8_t one way or the
+// other (the byte tensors' pointers are taken first: torch rejects other dtypes).
+template <typename Src, typename Dst>
+KvConvertParams<Src, Dst> kv_convert_params(const at::Tensor& key, const at::Tensor& value,
+                                            const at::Tensor& key_output,
+                                            const at::Tensor& value_output) {
+  KvConvertParams<Src, Dst> p{};
+  p.key = const_ptr<Src>(key);
+  p.value = const_ptr<Src>(value);
+  p.key_out = mut_ptr<Dst>(key_output);
+  p.value_out = mut_ptr<Dst>(value_output);
   check_rows(key, value, key_output, value_output);
-  const cpu::KvRows rows = kv_rows(key, value, key_output, value_output);
-  const int64_t key_dim = key.size(3), value_dim = value.size(3);
-  submit_kernel(
-      [=](const Stream& s) {
-        if (s.is_cpu()) return cpu::quantize_key_value<T>(k, v, k_out, v_out, rows, key_dim, value_dim);
-        VORTA_CUDA(cuda::quantize_key_value<T>(k, v, k_out, v_out, rows, key_dim, value_dim, s.cuda()));
-      },
-      key.device(), "quantize kv cache");
+  p.rows = kv_rows(key, value, key_output, value_output);
+  p.key_dim = key.size(3);
+  p.value_dim = value.size(3);
+  return p;
 }
 
 template <typename T>
-void dequantize_key_value_kernel(const at::Tensor& key, const at::Tensor& value,
-                                 const at::Tensor& key_output, const at::Tensor& value_output) {
-  const uint8_t* k = key.const_data_ptr<uint8_t>();
-  const uint8_t* v = value.const_data_ptr<uint8_t>();
-  T* k_out = mut_ptr<T>(key_output);
-  T* v_out = mut_ptr<T>(value_output);
-  check_rows(key, value, key_output, value_output);
-  const cpu::KvRows rows = kv_rows(key, value, key_output, value_output);
-  const int64_t head_dim = key.size(3);
-  submit_kernel(
-      [=](const Stream& s) {
-        if (s.is_cpu()) return cpu::dequantize_key_value<T>(k, v, k_out, v_out, rows, head_dim);
-        VORTA_CUDA(cuda::dequantize_key_value<T>(k, v, k_out, v_out, rows, head_dim, s.cuda()));
-      },
-      key.device(), "dequantize kv cache");
+void quantize_key_value_launcher(const KvConvertParams<T, uint8_t>& p, const c10::Device& device) {
+  launch(device, "quantize kv cache", [&] { cpu::quantize_key_value(p); },
+         VORTA_CUDA_LAUNCHER(KV_CACHE, "quantize_key_value",
+                             [&](cudaStream_t s) { return cuda::quantize_key_value(p, s); }));
+}
+
+template <typename T>
+void dequantize_key_value_launcher(const KvConvertParams<uint8_t, T>& p, const c10::Device& device) {
+  launch(device, "dequantize kv cache", [&] { cpu::dequantize_key_value(p); },
+         VORTA_CUDA_LAUNCHER(KV_CACHE, "dequantize_key_value",
+                             [&](cudaStream_t s) { return cuda::dequantize_key_value(p, s); }));
 }
 
 }  // namespace
@@ -101,7 +101,8 @@ void quantize_key_value(const at::Tensor& key, const at::Tensor& value,
   }
   dispatch_float_half(key.scalar_type(), [&](auto tag) {
     using T = typename decltype(tag)::type;
-    quantize_key_value_kernel<T>(key, value, key_output, value_output);
+    quantize_key_value_launcher(kv_convert_params<T, uint8_t>(key, value, key_output, value_output),
+                                key.device());
   });
 }
 
@@ -115,7 +116,8 @@ void dequantize_key_value(const at::Tensor& key, const at::Tensor& value,
   dispatch_int<192, 128, 96, 80, 64>(head_dim, kHeadDims, [](auto) {});
   dispatch_float_half(key_output.scalar_type(), [&](auto tag) {
     using T = typename decltype(tag)::type;
-    dequantize_key_value_kernel<T>(key, value, key_output, value_output);
+    dequantize_key_value_launcher(kv_convert_params<uint8_t, T>(key, value, key_output, value_output),
+                                  key.device());
   });
 }
 

@@ -1,5 +1,6 @@
 // Mixture-of-experts routing: checks, allocation and launch.
 #include <ATen/ops/empty.h>
+#include <torch/types.h>  // torch::kFloat32, as a check message spells it
 
 #include "common/fatal.h"
 #include "cpu/moe.h"
@@ -7,59 +8,47 @@
 #include "ops/launch.h"
 #include "ops/ops.h"
 
+#if VORTA_CUDA_MOE
+#include "cuda/moe.h"
+#endif
+
 namespace vorta {
 namespace {
 
 constexpr char kAssertSource[] = "moe";
 
 // A token's expert row is held as ES-wide blocks of one 256-lane vector on the
-// device. `more_checks` runs after the launch preconditions, before the launch.
-template <typename T, int ES, typename Checks>
-void moe_softmax_topk_kernel(const void* logits, int64_t* ids, void* weights, int32_t num_tokens,
-                             int32_t n_experts, int32_t top_k, int32_t renormalize,
-                             const c10::Device& device, Checks more_checks) {
+// device; the bounds are checked in the launch's 32-bit sizes.
+constexpr int32_t ES = 16;
+
+template <typename T>
+void moe_softmax_topk_launcher(const MoeSoftmaxParams<T>& p, const c10::Device& device) {
+  launch(device, "moe softmax topk", [&] { cpu::moe_softmax_topk(p); },
+         VORTA_CUDA_LAUNCHER(MOE, "moe_softmax_topk",
+                             [&](cudaStream_t s) { return cuda::moe_softmax_topk(p, s); }));
+}
+
+template <typename T>
+void moe_group_topk_launcher(const MoeGroupParams<T>& p, const c10::Device& device) {
+  launch(device, "moe group topk", [&] { cpu::moe_group_topk(p); },
+         VORTA_CUDA_LAUNCHER(MOE, "moe_group_topk",
+                             [&](cudaStream_t s) { return cuda::moe_group_topk(p, s); }));
+}
+
+// The launch preconditions, before the operators' own checks.
+void check_softmax_sizes(int32_t n_experts, int32_t top_k) {
   VORTA_ASSERT(n_experts <= 256);
   VORTA_ASSERT(n_experts % ES == 0);
   VORTA_ASSERT(top_k <= 32);
-  more_checks();
-  auto x = static_cast<const T*>(logits);
-  auto w = static_cast<T*>(weights);
-  submit_kernel(
-      [=](const Stream& s) {
-        if (s.is_cpu())
-          return cpu::moe_softmax_topk<T>(x, ids, w, num_tokens, n_experts, top_k, renormalize);
-        VORTA_CUDA(cuda::moe_softmax_topk<T>(x, ids, w, num_tokens, n_experts, top_k, renormalize,
-                                             s.cuda()));
-      },
-      device, "moe softmax topk");
 }
 
-template <typename T, int ES, typename Checks>
-void moe_group_topk_kernel(const float* scores, const void* bias, int64_t* ids, void* weights,
-                           int32_t num_tokens, int32_t n_experts, int32_t n_groups,
-                           int32_t topk_group, int32_t top_k, int32_t renormalize, float eps,
-                           float routed_scaling_factor, const c10::Device& device,
-                           Checks more_checks) {
+void check_group_sizes(int32_t n_experts, int32_t n_groups, int32_t top_k) {
   // n_groups == 0 passes these and is refused by the caller's checks.
   const int32_t experts_per_group = n_groups > 0 ? n_experts / n_groups : 0;
   VORTA_ASSERT(n_experts <= 256);
   VORTA_ASSERT(experts_per_group <= 256);
   VORTA_ASSERT(experts_per_group % ES == 0);
   VORTA_ASSERT(top_k <= 32);
-  more_checks();
-  auto b = static_cast<const T*>(bias);
-  auto w = static_cast<T*>(weights);
-  submit_kernel(
-      [=](const Stream& s) {
-        if (s.is_cpu())
-          return cpu::moe_group_topk<T>(scores, b, ids, w, num_tokens, n_experts, n_groups,
-                                        topk_group, top_k, renormalize, eps,
-                                        routed_scaling_factor);
-        VORTA_CUDA(cuda::moe_group_topk<T>(scores, b, ids, w, num_tokens, n_experts, n_groups,
-                                           topk_group, top_k, renormalize, eps,
-                                           routed_scaling_factor, s.cuda()));
-      },
-      device, "moe group topk");
 }
 
 }  // namespace
@@ -72,12 +61,13 @@ std::tuple<at::Tensor, at::Tensor> moe_softmax_topk(const at::Tensor& logits, in
   at::Tensor topk_weights = at::empty({num_tokens, top_k}, logits.options());
   dispatch_float_half(logits.scalar_type(), [&](auto tag) {
     using T = typename decltype(tag)::type;
-    moe_softmax_topk_kernel<T, 16>(logits.const_data_ptr(), mut_ptr<int64_t>(topk_ids),
-                                   topk_weights.data_ptr(), int32_t(num_tokens),
-                                   int32_t(n_experts), int32_t(top_k), renormalize,
-                                   logits.device(), [&] {
-      TORCH_CHECK(logits.is_contiguous(), "logits must be contiguous");
-    });
+    check_softmax_sizes(int32_t(n_experts), int32_t(top_k));
+    TORCH_CHECK(logits.is_contiguous(), "logits must be contiguous");
+    const MoeSoftmaxParams<T> p{const_ptr<T>(logits),   mut_ptr<int64_t>(topk_ids),
+                                mut_ptr<T>(topk_weights), num_tokens,
+                                n_experts,              top_k,
+                                renormalize};
+    moe_softmax_topk_launcher(p, logits.device());
   });
   return {topk_ids, topk_weights};
 }
@@ -95,19 +85,27 @@ std::tuple<at::Tensor, at::Tensor> moe_group_topk(const at::Tensor& scores, cons
   at::Tensor topk_weights = at::empty({num_tokens, top_k}, scores.options().dtype(weight_type));
   dispatch_float_half(weight_type, [&](auto tag) {
     using T = typename decltype(tag)::type;
-    moe_group_topk_kernel<T, 16>(
-        const_ptr<float>(scores), bias ? bias->const_data_ptr() : nullptr,
-        mut_ptr<int64_t>(topk_ids), topk_weights.data_ptr(), int32_t(num_tokens),
-        int32_t(n_experts), int32_t(n_groups), int32_t(topk_group), int32_t(top_k), renormalize,
-        renormalize_eps, routed_scaling_factor, scores.device(), [&] {
-          TORCH_CHECK(n_groups > 0 && n_experts % n_groups == 0 && n_experts > 0,
-                      "n_groups must divide the number of experts");
-          TORCH_CHECK(top_k >= 0 && topk_group >= 0, "top_k and topk_group must not be negative");
-          TORCH_CHECK(scores.is_contiguous(), "scores must be contiguous");
-          TORCH_CHECK(!bias || (bias->numel() == n_experts && bias->is_contiguous() &&
-                                bias->device() == scores.device()),
-                      "bias must be a contiguous vector of n_experts values on the scores' device");
-        });
+    check_group_sizes(int32_t(n_experts), int32_t(n_groups), int32_t(top_k));
+    TORCH_CHECK(n_groups > 0 && n_experts % n_groups == 0 && n_experts > 0,
+                "n_groups must divide the number of experts");
+    TORCH_CHECK(top_k >= 0 && topk_group >= 0, "top_k and topk_group must not be negative");
+    TORCH_CHECK(scores.is_contiguous(), "scores must be contiguous");
+    TORCH_CHECK(!bias || (bias->numel() == n_experts && bias->is_contiguous() &&
+                          bias->device() == scores.device()),
+                "bias must be a contiguous vector of n_experts values on the scores' device");
+    const MoeGroupParams<T> p{const_ptr<float>(scores),
+                              bias ? const_ptr<T>(*bias) : nullptr,
+                              mut_ptr<int64_t>(topk_ids),
+                              mut_ptr<T>(topk_weights),
+                              num_tokens,
+                              n_experts,
+                              n_groups,
+                              topk_group,
+                              top_k,
+                              renormalize,
+                              renormalize_eps,
+                              routed_scaling_factor};
+    moe_group_topk_launcher(p, scores.device());
   });
   return {topk_ids, topk_weights};
 }

@@ -3,6 +3,7 @@
 #include <torch/extension.h>
 
 #include "cpu/sdp_decode.h"
+#include "ops/backends.h"
 #include "ops/device.h"
 #include "ops/operators.h"
 #include "ops/ops.h"
@@ -33,4 +34,19 @@ PYBIND11_MODULE(_C, m) {
                                       : std::nullopt);
   });
   testing.def("allow_wide_decode", &cpu::allow_wide_decode);
+  // The operator groups each backend of this build has kernels for.
+  testing.def("backends", [] {
+    const std::vector<std::pair<const char*, bool>> groups = {
+        {"norm", VORTA_CUDA_NORM},         {"elementwise", VORTA_CUDA_ELEMENTWISE},
+        {"rotary", VORTA_CUDA_ROTARY},     {"kv_cache", VORTA_CUDA_KV_CACHE},
+        {"moe", VORTA_CUDA_MOE},           {"decode", VORTA_CUDA_DECODE},
+        {"prefill", VORTA_CUDA_PREFILL}};
+    std::map<std::string, std::vector<std::string>> built{{"cpu", {}}};
+    if (VORTA_WITH_CUDA) built["cuda"];
+    for (const auto& [group, cuda] : groups) {
+      built["cpu"].push_back(group);
+      if (cuda) built["cuda"].push_back(group);
+    }
+    return built;
+  });
 }

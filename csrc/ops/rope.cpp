@@ -1,9 +1,13 @@
 // Rotary position embedding of query and key rows, in place: checks and launch.
 #include "common/fatal.h"
-#include "cpu/rope.h"
+#include "cpu/rotary.h"
 #include "ops/dispatch.h"
 #include "ops/launch.h"
 #include "ops/ops.h"
+
+#if VORTA_CUDA_ROTARY
+#include "cuda/rotary.h"
+#endif
 
 namespace vorta {
 namespace {
@@ -14,7 +18,7 @@ constexpr char kHalfHeadDims[] =
     "unsupported head_dim, only 256, 128, 96, 80, 64, 40, 32, 20 and 16 are supported";
 constexpr char kTwoHeadDims[] = "unsupported head_dim, only 128, 96 and 64 are supported";
 
-cpu::RotaryRows rotary_rows(const at::Tensor& query, const at::Tensor& key) {
+RotaryRows rotary_rows(const at::Tensor& query, const at::Tensor& key) {
   return {query.size(0),
           query.size(1),
           key.size(1),
@@ -40,9 +44,27 @@ void check_rows(const at::Tensor& query, const at::Tensor& key, int64_t width) {
 }
 
 template <typename T>
-void rotary_inv_freq_kernel(const at::Tensor& inv_freq, const at::Tensor& position_ids,
-                            const at::Tensor& query, const at::Tensor& key, int64_t head_dim,
-                            bool every_two) {
+void rotary_inv_freq_launcher(const RotaryFreqParams<T>& p, const c10::Device& device) {
+  launch(device, p.every_two ? "rotary every two" : "rotary half", [&] { cpu::rotary_inv_freq(p); },
+         VORTA_CUDA_LAUNCHER(ROTARY, p.every_two ? "rotary_two_inplaced" : "rotary_half_inplaced",
+                             [&](cudaStream_t s) { return cuda::rotary_inv_freq(p, s); }));
+}
+
+template <typename T>
+void rotary_with_cache_launcher(const RotaryCacheParams<T>& p, const c10::Device& device) {
+  const bool split_half = p.pairs == CachePairs::half;
+  launch(device, split_half ? "rotary half with cache" : "rotary two with cache",
+         [&] { cpu::rotary_with_cache(p); },
+         VORTA_CUDA_LAUNCHER(ROTARY,
+                             split_half ? "rotary_half_with_cache_inplaced"
+                                        : "rotary_two_with_cache_inplaced",
+                             [&](cudaStream_t s) { return cuda::rotary_with_cache(p, s); }));
+}
+
+template <typename T>
+void rotary_inv_freq(const at::Tensor& inv_freq, const at::Tensor& position_ids,
+                     const at::Tensor& query, const at::Tensor& key, int64_t head_dim,
+                     bool every_two) {
   const int64_t* positions = position_ids.const_data_ptr<int64_t>();
   check_rows(query, key, head_dim);
   TORCH_CHECK(key.size(3) == head_dim, "key must have the query's head size");
@@ -52,20 +74,16 @@ void rotary_inv_freq_kernel(const at::Tensor& inv_freq, const at::Tensor& positi
                   (position_ids.size(0) == 1 || position_ids.size(0) == query.size(0)),
               "position_ids must be [bsz, seq_len] or [1, seq_len]");
   TORCH_CHECK(packed_last(position_ids), "position_ids must have unit stride along the sequence");
-  const cpu::RotaryRows rows = rotary_rows(query, key);
-  const T* freq = const_ptr<T>(inv_freq);
-  const int64_t position_rows = position_ids.size(0), position_stride = position_ids.stride(0);
-  T* q = mut_ptr<T>(query);
-  T* k = mut_ptr<T>(key);
-  submit_kernel(
-      [=](const Stream& s) {
-        if (s.is_cpu())
-          return cpu::rotary_inv_freq<T>(freq, positions, position_rows, position_stride, q, k,
-                                         rows, head_dim, every_two);
-        VORTA_CUDA(cuda::rotary_inv_freq<T>(freq, positions, position_rows, position_stride, q, k,
-                                            rows, head_dim, every_two, s.cuda()));
-      },
-      query.device(), every_two ? "rotary every two" : "rotary half");
+  const RotaryFreqParams<T> p{mut_ptr<T>(query),
+                              mut_ptr<T>(key),
+                              const_ptr<T>(inv_freq),
+                              positions,
+                              position_ids.size(0),
+                              position_ids.stride(0),
+                              rotary_rows(query, key),
+                              head_dim,
+                              every_two};
+  rotary_inv_freq_launcher(p, query.device());
 }
 
 void rotary_inplaced(const at::Tensor& inv_freq, const at::Tensor& position_ids,
@@ -82,14 +100,13 @@ void rotary_inplaced(const at::Tensor& inv_freq, const at::Tensor& position_ids,
     dispatch_int<256, 128, 96, 80, 64, 40, 32, 20, 16>(head_dim, kHalfHeadDims, [](auto) {});
   dispatch_float_half(key.scalar_type(), [&](auto tag) {
     using T = typename decltype(tag)::type;
-    rotary_inv_freq_kernel<T>(inv_freq, position_ids, query, key, head_dim, every_two);
+    rotary_inv_freq<T>(inv_freq, position_ids, query, key, head_dim, every_two);
   });
 }
 
 template <typename T>
-void rotary_with_cache_kernel(const at::Tensor& query, const at::Tensor& key,
-                              const at::Tensor& cos, const at::Tensor& sin,
-                              cpu::CachePairs pairs) {
+void rotary_with_cache(const at::Tensor& query, const at::Tensor& key, const at::Tensor& cos,
+                       const at::Tensor& sin, CachePairs pairs) {
   const int64_t rotary_dim = cos.size(-1);
   check_rows(query, key, rotary_dim);
   TORCH_CHECK(key.scalar_type() == query.scalar_type(), "key must have the query's dtype");
@@ -100,28 +117,21 @@ void rotary_with_cache_kernel(const at::Tensor& query, const at::Tensor& key,
               "cos and sin must be on the query's device");
   TORCH_CHECK(cos.numel() >= query.size(2) * rotary_dim,
               "cos and sin must hold a row of rotary_dim values for each of the seq_len positions");
-  const cpu::RotaryRows rows = rotary_rows(query, key);
-  T* q = mut_ptr<T>(query);
-  T* k = mut_ptr<T>(key);
-  const T* c = const_ptr<T>(cos);
-  const T* s_ = const_ptr<T>(sin);
-  submit_kernel(
-      [=](const Stream& s) {
-        if (s.is_cpu()) return cpu::rotary_with_cache<T>(q, k, c, s_, rows, rotary_dim, pairs);
-        VORTA_CUDA(cuda::rotary_with_cache<T>(q, k, c, s_, rows, rotary_dim, pairs, s.cuda()));
-      },
-      query.device(), pairs == cpu::CachePairs::half ? "rotary half with cache" : "rotary two with cache");
+  const RotaryCacheParams<T> p{mut_ptr<T>(query),       mut_ptr<T>(key), const_ptr<T>(cos),
+                               const_ptr<T>(sin),       rotary_rows(query, key),
+                               rotary_dim,              pairs};
+  rotary_with_cache_launcher(p, query.device());
 }
 
 void rotary_with_cache_inplaced(const at::Tensor& query, const at::Tensor& key,
                                 const at::Tensor& cos, const at::Tensor& sin,
-                                cpu::CachePairs pairs) {
+                                CachePairs pairs) {
   VORTA_ASSERT_TEXT(is_supported_device(cos.device()), "cos.device().is_xpu()");
   VORTA_ASSERT(cos.is_contiguous());
   VORTA_ASSERT(cos.scalar_type() == query.scalar_type());
   dispatch_float_half_bf16(query.scalar_type(), [&](auto tag) {
     using T = typename decltype(tag)::type;
-    rotary_with_cache_kernel<T>(query, key, cos, sin, pairs);
+    rotary_with_cache<T>(query, key, cos, sin, pairs);
   });
 }
 
@@ -139,7 +149,7 @@ void rotary_two_inplaced(const at::Tensor& inv_freq, const at::Tensor& position_
 
 void rotary_half_with_cache_inplaced(const at::Tensor& query, const at::Tensor& key,
                                      const at::Tensor& cos, const at::Tensor& sin) {
-  rotary_with_cache_inplaced(query, key, cos, sin, cpu::CachePairs::half);
+  rotary_with_cache_inplaced(query, key, cos, sin, CachePairs::half);
 }
 
 void rotary_two_with_cache_inplaced(const at::Tensor& query, const at::Tensor& key,
@@ -147,7 +157,7 @@ void rotary_two_with_cache_inplaced(const at::Tensor& query, const at::Tensor& k
                                     bool half_layout_cache) {
   rotary_with_cache_inplaced(
       query, key, cos, sin,
-      half_layout_cache ? cpu::CachePairs::two_half_layout : cpu::CachePairs::two_interleaved);
+      half_layout_cache ? CachePairs::two_half_layout : CachePairs::two_interleaved);
 }
 
 }  // namespace vorta

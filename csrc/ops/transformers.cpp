@@ -2,48 +2,32 @@
 #include <ATen/ops/empty.h>
 
 #include "common/fatal.h"
-#include "cpu/transformers.h"
+#include "cpu/elementwise.h"
 #include "ops/dispatch.h"
 #include "ops/launch.h"
 #include "ops/ops.h"
+
+#if VORTA_CUDA_ELEMENTWISE
+#include "cuda/elementwise.h"
+#endif
 
 namespace vorta {
 namespace {
 
 constexpr char kAssertSource[] = "transformers";
 
-// One device work-group of WG lanes per sequence.
-template <typename T, int WG>
-void repetition_penalty_logits_process_inplaced_kernel(void* scores, void* working,
-                                                       const int64_t* ids, int64_t scores_stride,
-                                                       int64_t working_stride, int64_t ids_stride,
-                                                       float penalty, int32_t seq_len, int32_t bsz,
-                                                       const c10::Device& device) {
-  auto sc = static_cast<T*>(scores);
-  auto w = static_cast<T*>(working);
-  submit_kernel(
-      [=](const Stream& s) {
-        if (s.is_cpu())
-          return cpu::repetition_penalty<T>(sc, w, ids, scores_stride, working_stride, ids_stride,
-                                            penalty, seq_len, bsz);
-        VORTA_CUDA(cuda::repetition_penalty<T>(sc, w, ids, scores_stride, working_stride,
-                                               ids_stride, penalty, seq_len, bsz, s.cuda()));
-      },
-      device, "repetition penalty logits process");
+template <typename T>
+void repetition_penalty_launcher(const PenaltyParams<T>& p, const c10::Device& device) {
+  launch(device, "repetition penalty logits process", [&] { cpu::repetition_penalty(p); },
+         VORTA_CUDA_LAUNCHER(ELEMENTWISE, "repetition_penalty_logits_process_inplaced",
+                             [&](cudaStream_t s) { return cuda::repetition_penalty(p, s); }));
 }
 
-// One device work-group of WG lanes per row.
-template <typename T, int WG>
-void attn_softmax_inplaced_kernel(void* attn, int64_t slices, int64_t rows, int64_t n,
-                                  const c10::Device& device) {
-  auto a = static_cast<T*>(attn);
-  const int64_t total_rows = slices * rows;
-  submit_kernel(
-      [=](const Stream& s) {
-        if (s.is_cpu()) return cpu::attn_softmax<T>(a, total_rows, n);
-        VORTA_CUDA(cuda::attn_softmax<T>(a, total_rows, n, s.cuda()));
-      },
-      device, "attention softmax in fp32 inplaced");
+template <typename T>
+void attn_softmax_launcher(const SoftmaxParams<T>& p, const c10::Device& device) {
+  launch(device, "attention softmax in fp32 inplaced", [&] { cpu::attn_softmax(p); },
+         VORTA_CUDA_LAUNCHER(ELEMENTWISE, "attn_softmax_inplaced",
+                             [&](cudaStream_t s) { return cuda::attn_softmax(p, s); }));
 }
 
 }  // namespace
@@ -64,10 +48,11 @@ void repetition_penalty_logits_process_inplaced(const at::Tensor& scores,
                 "scores must be contiguous in its last dimension");
     TORCH_CHECK(input_ids.stride(1) == 1 || seq_len <= 1,
                 "input_ids must be contiguous in its last dimension");
-    repetition_penalty_logits_process_inplaced_kernel<T, 32>(
-        scores.data_ptr(), working.data_ptr(), const_ptr<int64_t>(input_ids), scores.stride(0),
-        working.stride(0), input_ids.stride(0), penalty, int32_t(seq_len), int32_t(bsz),
-        scores.device());
+    const PenaltyParams<T> p{mut_ptr<T>(scores),  mut_ptr<T>(working), const_ptr<int64_t>(input_ids),
+                             scores.stride(0),    working.stride(0),    input_ids.stride(0),
+                             bsz,                 seq_len,              scores.size(1),
+                             penalty};
+    repetition_penalty_launcher(p, scores.device());
   });
 }
 
@@ -78,8 +63,8 @@ void attn_softmax_inplaced(const at::Tensor& attn) {
   const int64_t slices = attn.dim() == 4 ? attn.size(0) * attn.size(1) : attn.size(0);
   dispatch_float_half(attn.scalar_type(), [&](auto tag) {
     using T = typename decltype(tag)::type;
-    attn_softmax_inplaced_kernel<T, 32>(attn.data_ptr(), slices, attn.size(-2), attn.size(-1),
-                                        attn.device());
+    attn_softmax_launcher(SoftmaxParams<T>{mut_ptr<T>(attn), slices * attn.size(-2), attn.size(-1)},
+                          attn.device());
   });
 }
 

@@ -1,6 +1,5 @@
-#include "cpu/mlp.h"
-
 #include "common/numeric.h"
+#include "cpu/elementwise.h"
 #include "cpu/exp2.h"
 #include "cpu/parallel.h"
 #include "cpu/vec.h"
@@ -8,11 +7,13 @@
 namespace vorta::cpu {
 
 template <typename T>
-void silu_mul(T* gate, const T* up, int64_t nelem) {
+void silu_mul(const SiluMulParams<T>& p) {
   // -log2(e) rounded to float (bits 0xBFB8AA3B).
   const Vec8 c = Vec8::broadcast(-1.4426950216293335f);
   const Vec8 one = Vec8::broadcast(1.0f);
-  parallel_for(0, nelem / 8, grain_for(8 * 3 * int64_t(sizeof(T))), [&](int64_t lo, int64_t hi) {
+  T* gate = p.gate;
+  const T* up = p.up;
+  parallel_for(0, p.nelem / 8, grain_for(8 * 3 * int64_t(sizeof(T))), [&](int64_t lo, int64_t hi) {
     for (int64_t i = lo * 8; i < hi * 8; i += 8) {
       const Vec8 g = Vec8::load(gate + i), u = Vec8::load(up + i);
       ((g * u) / (exp2(g * c) + one)).store(gate + i);
@@ -20,7 +21,7 @@ void silu_mul(T* gate, const T* up, int64_t nelem) {
   });
 }
 
-template void silu_mul<float>(float*, const float*, int64_t);
-template void silu_mul<half>(half*, const half*, int64_t);
+template void silu_mul<float>(const SiluMulParams<float>&);
+template void silu_mul<half>(const SiluMulParams<half>&);
 
 }  // namespace vorta::cpu

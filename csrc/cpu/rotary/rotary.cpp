@@ -1,11 +1,10 @@
-#include "cpu/rope.h"
-
 #include <algorithm>
 #include <cmath>
 #include <vector>
 
 #include "common/numeric.h"
 #include "cpu/parallel.h"
+#include "cpu/rotary.h"
 #include "cpu/vec.h"
 
 namespace vorta::cpu {
@@ -236,37 +235,39 @@ void for_each_row(T* query, T* key, const RotaryRows& g, int64_t row_elems, int6
 }  // namespace
 
 template <typename T>
-void rotary_inv_freq(const T* inv_freq, const int64_t* position_ids, int64_t position_rows,
-                     int64_t position_stride, T* query, T* key, const RotaryRows& rows,
-                     int64_t head_dim, bool every_two) {
+void rotary_inv_freq(const RotaryFreqParams<T>& p) {
+  const int64_t head_dim = p.head_dim;
+  const bool every_two = p.every_two;
   const int64_t half = head_dim / 2, padded = (half + 7) / 8 * 8;
   if (half == 0) return;
   std::vector<float> freq(padded, 0.0f);
-  load_row(inv_freq, freq.data(), half);
+  load_row(p.inv_freq, freq.data(), half);
   // Table: c[padded], s[padded], then for pairs cd[2 * padded], sd[2 * padded].
   auto prepare = [&, f = freq.data()](int64_t b, int64_t s, float* t) {
-    const int64_t p = position_ids[(position_rows == 1 ? 0 : b * position_stride) + s];
-    angle_table<T>(float(p), f, padded, t, t + padded);
+    const int64_t pos = p.position_ids[(p.position_rows == 1 ? 0 : b * p.position_stride) + s];
+    angle_table<T>(float(pos), f, padded, t, t + padded);
     if (every_two) expand_pairs(t, t + padded, 1, half, t + 2 * padded, t + 4 * padded);
   };
   if (every_two)
-    for_each_row(query, key, rows, head_dim, 6 * padded, prepare, [&](T* row, const float* t) {
+    for_each_row(p.query, p.key, p.rows, head_dim, 6 * padded, prepare, [&](T* row, const float* t) {
       rotate_pairs_row(row, t + 2 * padded, t + 4 * padded, 2 * half);
     });
   else
-    for_each_row(query, key, rows, head_dim, 2 * padded, prepare,
+    for_each_row(p.query, p.key, p.rows, head_dim, 2 * padded, prepare,
                  [&](T* row, const float* t) { rotate_half_row(row, t, t + padded, half); });
 }
 
 template <typename T>
-void rotary_with_cache(T* query, T* key, const T* cos, const T* sin, const RotaryRows& rows,
-                       int64_t rotary_dim, CachePairs pairs) {
+void rotary_with_cache(const RotaryCacheParams<T>& p) {
+  const int64_t rotary_dim = p.rotary_dim;
+  const T* cos = p.cos;
+  const T* sin = p.sin;
   const int64_t half = rotary_dim / 2, n = 2 * half;
   if (half == 0) return;
-  if (pairs == CachePairs::half) {
+  if (p.pairs == CachePairs::half) {
     // Table: c[half], s[half].
     for_each_row(
-        query, key, rows, n, n,
+        p.query, p.key, p.rows, n, n,
         [&](int64_t, int64_t s, float* t) {
           load_row(cos + s * rotary_dim, t, half);
           load_row(sin + s * rotary_dim, t + half, half);
@@ -275,10 +276,10 @@ void rotary_with_cache(T* query, T* key, const T* cos, const T* sin, const Rotar
     return;
   }
   // Table: cd[n], sd[n], then the converted cache rows.
-  const bool interleaved = pairs == CachePairs::two_interleaved;
+  const bool interleaved = p.pairs == CachePairs::two_interleaved;
   const int64_t read = interleaved ? n : half;
   for_each_row(
-      query, key, rows, n, 2 * n + 2 * read,
+      p.query, p.key, p.rows, n, 2 * n + 2 * read,
       [&](int64_t, int64_t s, float* t) {
         float *c = t + 2 * n, *sn = c + read;
         load_row(cos + s * rotary_dim, c, read);
@@ -288,16 +289,10 @@ void rotary_with_cache(T* query, T* key, const T* cos, const T* sin, const Rotar
       [&](T* row, const float* t) { rotate_pairs_row(row, t, t + n, n); });
 }
 
-template void rotary_inv_freq<float>(const float*, const int64_t*, int64_t, int64_t, float*, float*,
-                                     const RotaryRows&, int64_t, bool);
-template void rotary_inv_freq<half>(const half*, const int64_t*, int64_t, int64_t, half*, half*,
-                                    const RotaryRows&, int64_t, bool);
-#define VORTA_INSTANTIATE(T)                                                                 \
-  template void rotary_with_cache<T>(T*, T*, const T*, const T*, const RotaryRows&, int64_t, \
-                                     CachePairs);
-VORTA_INSTANTIATE(float)
-VORTA_INSTANTIATE(half)
-VORTA_INSTANTIATE(bf16)
-#undef VORTA_INSTANTIATE
+template void rotary_inv_freq<float>(const RotaryFreqParams<float>&);
+template void rotary_inv_freq<half>(const RotaryFreqParams<half>&);
+template void rotary_with_cache<float>(const RotaryCacheParams<float>&);
+template void rotary_with_cache<half>(const RotaryCacheParams<half>&);
+template void rotary_with_cache<bf16>(const RotaryCacheParams<bf16>&);
 
 }  // namespace vorta::cpu

@@ -1,7 +1,6 @@
-#include "cpu/kv.h"
-
 #include "common/kv_codes.h"
 #include "common/numeric.h"
+#include "cpu/kv_cache.h"
 #include "cpu/kv_vec.h"
 #include "cpu/parallel.h"
 
@@ -87,39 +86,39 @@ void for_each_row(const KvRows& g, int64_t row_bytes, F row) {
   });
 }
 
+// Runs convert(code, src, dst, width) on the key rows with the key code and the
+// value rows with the value code.
+template <typename Src, typename Dst, typename Convert>
+void convert_rows(const KvConvertParams<Src, Dst>& p, Convert convert) {
+  const KvRows& g = p.rows;
+  const int64_t row_bytes = (p.key_dim + p.value_dim) * int64_t(sizeof(Src) + sizeof(Dst));
+  for_each_row(g, row_bytes, [&](int64_t b, int64_t h, int64_t s) {
+    convert(kv::KeyCode{}, p.key + offset(g.key_stride, b, h, s),
+            p.key_out + offset(g.key_out_stride, b, h, s), p.key_dim);
+    convert(kv::ValueCode{}, p.value + offset(g.value_stride, b, h, s),
+            p.value_out + offset(g.value_out_stride, b, h, s), p.value_dim);
+  });
+}
+
 }  // namespace
 
 template <typename T>
-void quantize_key_value(const T* key, const T* value, uint8_t* key_out, uint8_t* value_out,
-                        const KvRows& g, int64_t key_dim, int64_t value_dim) {
-  const int64_t row_bytes = (key_dim + value_dim) * int64_t(sizeof(T) + 1);
-  for_each_row(g, row_bytes, [&](int64_t b, int64_t h, int64_t s) {
-    encode_row<KeyCode>(key + offset(g.key_stride, b, h, s),
-                        key_out + offset(g.key_out_stride, b, h, s), key_dim);
-    encode_row<ValueCode>(value + offset(g.value_stride, b, h, s),
-                          value_out + offset(g.value_out_stride, b, h, s), value_dim);
+void quantize_key_value(const KvConvertParams<T, uint8_t>& p) {
+  convert_rows(p, [](auto code, const T* src, uint8_t* dst, int64_t n) {
+    encode_row<decltype(code)>(src, dst, n);
   });
 }
 
 template <typename T>
-void dequantize_key_value(const uint8_t* key, const uint8_t* value, T* key_out, T* value_out,
-                          const KvRows& g, int64_t head_dim) {
-  const int64_t row_bytes = 2 * head_dim * int64_t(sizeof(T) + 1);
-  for_each_row(g, row_bytes, [&](int64_t b, int64_t h, int64_t s) {
-    decode_row<KeyCode>(key + offset(g.key_stride, b, h, s),
-                        key_out + offset(g.key_out_stride, b, h, s), head_dim);
-    decode_row<ValueCode>(value + offset(g.value_stride, b, h, s),
-                          value_out + offset(g.value_out_stride, b, h, s), head_dim);
+void dequantize_key_value(const KvConvertParams<uint8_t, T>& p) {
+  convert_rows(p, [](auto code, const uint8_t* src, T* dst, int64_t n) {
+    decode_row<decltype(code)>(src, dst, n);
   });
 }
 
-#define VORTA_INSTANTIATE(T)                                                                    \
-  template void quantize_key_value<T>(const T*, const T*, uint8_t*, uint8_t*, const KvRows&,   \
-                                      int64_t, int64_t);                                        \
-  template void dequantize_key_value<T>(const uint8_t*, const uint8_t*, T*, T*, const KvRows&, \
-                                        int64_t);
-VORTA_INSTANTIATE(float)
-VORTA_INSTANTIATE(half)
-#undef VORTA_INSTANTIATE
+template void quantize_key_value<float>(const KvConvertParams<float, uint8_t>&);
+template void quantize_key_value<half>(const KvConvertParams<half, uint8_t>&);
+template void dequantize_key_value<float>(const KvConvertParams<uint8_t, float>&);
+template void dequantize_key_value<half>(const KvConvertParams<uint8_t, half>&);
 
 }  // namespace vorta::cpu

@@ -1,11 +1,10 @@
-#include "cpu/moe.h"
-
 #include <cstring>
 #include <limits>
 #include <vector>
 
 #include "common/numeric.h"
 #include "cpu/exp2.h"
+#include "cpu/moe.h"
 #include "cpu/parallel.h"
 #include "cpu/vec.h"
 
@@ -256,28 +255,27 @@ void choose_experts(const GroupRouting& r, float* v, int* id) {
 }  // namespace
 
 template <typename T>
-void moe_softmax_topk(const T* logits, int64_t* ids, T* weights, int64_t num_tokens,
-                      int64_t n_experts, int64_t top_k, bool renormalize) {
-  parallel_for(0, num_tokens, 16, [&](int64_t lo, int64_t hi) {
+void moe_softmax_topk(const MoeSoftmaxParams<T>& p) {
+  const int64_t n_experts = p.n_experts, top_k = p.top_k;
+  parallel_for(0, p.num_tokens, 16, [&](int64_t lo, int64_t hi) {
     for (int64_t t = lo; t < hi; ++t)
-      softmax_topk_row(logits + t * n_experts, int(n_experts), int(top_k), renormalize,
-                       ids + t * top_k, weights + t * top_k);
+      softmax_topk_row(p.logits + t * n_experts, int(n_experts), int(top_k), p.renormalize,
+                       p.ids + t * top_k, p.weights + t * top_k);
   });
 }
 
 template <typename T>
-void moe_group_topk(const float* scores, const T* bias, int64_t* ids, T* weights,
-                    int64_t num_tokens, int64_t n_experts, int64_t n_groups, int64_t topk_group,
-                    int64_t top_k, bool renormalize, float eps, float scaling) {
-  std::vector<float> b(bias ? size_t(n_experts) : 0);
-  for (size_t e = 0; e < b.size(); ++e) b[e] = to_float(bias[e]);
-  const GroupRouting r{int(n_experts), int(n_groups), int(n_experts / n_groups), int(topk_group),
-                       int(top_k)};
-  parallel_for(0, num_tokens, 16, [&](int64_t lo, int64_t hi) {
+void moe_group_topk(const MoeGroupParams<T>& p) {
+  const int64_t n_experts = p.n_experts, top_k = p.top_k;
+  std::vector<float> b(p.bias ? size_t(n_experts) : 0);
+  for (size_t e = 0; e < b.size(); ++e) b[e] = to_float(p.bias[e]);
+  const GroupRouting r{int(n_experts), int(p.n_groups), int(n_experts / p.n_groups),
+                       int(p.topk_group), int(top_k)};
+  parallel_for(0, p.num_tokens, 16, [&](int64_t lo, int64_t hi) {
     for (int64_t t = lo; t < hi; ++t) {
-      const float* row = scores + t * n_experts;
+      const float* row = p.scores + t * n_experts;
       alignas(32) float v[kLanes];
-      if (bias) {
+      if (p.bias) {
         for (int e = 0; e < r.n; e += 8) (Vec8::load(row + e) + Vec8::load(&b[e])).store(v + e);
       } else {
         std::memcpy(v, row, sizeof(float) * size_t(r.n));
@@ -289,22 +287,19 @@ void moe_group_topk(const float* scores, const T* bias, int64_t* ids, T* weights
       else
         choose_experts<Selector>(r, v, id);
       for (int k = 0; k < r.top_k; ++k) w[k] = row[id[k]];
-      if (renormalize) {
-        const float total = weight_sum(w, r.top_k) + eps;
+      if (p.renormalize) {
+        const float total = weight_sum(w, r.top_k) + p.eps;
         for (int k = 0; k < r.top_k; ++k) w[k] = w[k] / total;
       }
-      for (int k = 0; k < r.top_k; ++k) w[k] = w[k] * scaling;
-      store_choice(id, w, r.top_k, ids + t * top_k, weights + t * top_k);
+      for (int k = 0; k < r.top_k; ++k) w[k] = w[k] * p.scaling;
+      store_choice(id, w, r.top_k, p.ids + t * top_k, p.weights + t * top_k);
     }
   });
 }
 
-#define VORTA_INSTANTIATE(T)                                                                  \
-  template void moe_softmax_topk<T>(const T*, int64_t*, T*, int64_t, int64_t, int64_t, bool); \
-  template void moe_group_topk<T>(const float*, const T*, int64_t*, T*, int64_t, int64_t,     \
-                                  int64_t, int64_t, int64_t, bool, float, float);
-VORTA_INSTANTIATE(float)
-VORTA_INSTANTIATE(half)
-#undef VORTA_INSTANTIATE
+template void moe_softmax_topk<float>(const MoeSoftmaxParams<float>&);
+template void moe_softmax_topk<half>(const MoeSoftmaxParams<half>&);
+template void moe_group_topk<float>(const MoeGroupParams<float>&);
+template void moe_group_topk<half>(const MoeGroupParams<half>&);
 
 }  // namespace vorta::cpu

@@ -1,9 +1,8 @@
-#include "cpu/transformers.h"
-
 #include <limits>
 #include <vector>
 
 #include "common/numeric.h"
+#include "cpu/elementwise.h"
 #include "cpu/exp2.h"
 #include "cpu/parallel.h"
 #include "cpu/vec.h"
@@ -12,7 +11,6 @@ namespace vorta::cpu {
 namespace {
 
 constexpr float kLog2e = 1.4426950216293335f;
-constexpr int64_t kAhead = 48;  // gathers in flight per sequence
 
 // The k < 8 elements left at the end of a row, in lanes 0..k-1; `fill` elsewhere.
 template <typename T>
@@ -78,39 +76,16 @@ void softmax_row(T* x, int64_t n, float* e) {
 }  // namespace
 
 template <typename T>
-void repetition_penalty(T* scores, T* working, const int64_t* ids, int64_t scores_stride,
-                        int64_t working_stride, int64_t ids_stride, float penalty, int64_t seq_len,
-                        int64_t bsz) {
-  parallel_for(0, bsz, grain_for(seq_len * 32), [&](int64_t lo, int64_t hi) {
-    for (int64_t b = lo; b < hi; ++b) {
-      T* row = scores + b * scores_stride;
-      T* w = working + b * working_stride;
-      const int64_t* id = ids + b * ids_stride;
-      for (int64_t j = 0; j < seq_len; ++j) {
-        // Random columns of a long row: ask for later ones early.
-        if (j + kAhead < seq_len) __builtin_prefetch(row + id[j + kAhead]);
-        const float x = to_float(row[id[j]]);
-        w[j] = from_float<T>(x > 0.0f ? x / penalty : x * penalty);
-      }
-      for (int64_t j = 0; j < seq_len; ++j) row[id[j]] = w[j];
-    }
-  });
-}
-
-template <typename T>
-void attn_softmax(T* attn, int64_t rows, int64_t n) {
-  parallel_for(0, rows, grain_for(n * 2 * int64_t(sizeof(T))), [&](int64_t lo, int64_t hi) {
+void attn_softmax(const SoftmaxParams<T>& p) {
+  T* attn = p.attn;
+  const int64_t n = p.n;
+  parallel_for(0, p.rows, grain_for(n * 2 * int64_t(sizeof(T))), [&](int64_t lo, int64_t hi) {
     std::vector<float> e(size_t(n + 8));
     for (int64_t r = lo; r < hi; ++r) softmax_row(attn + r * n, n, e.data());
   });
 }
 
-#define VORTA_INSTANTIATE(T)                                                                   \
-  template void repetition_penalty<T>(T*, T*, const int64_t*, int64_t, int64_t, int64_t, float, \
-                                      int64_t, int64_t);                                       \
-  template void attn_softmax<T>(T*, int64_t, int64_t);
-VORTA_INSTANTIATE(float)
-VORTA_INSTANTIATE(half)
-#undef VORTA_INSTANTIATE
+template void attn_softmax<float>(const SoftmaxParams<float>&);
+template void attn_softmax<half>(const SoftmaxParams<half>&);
 
 }  // namespace vorta::cpu

@@ -1,0 +1,158 @@
+// Key/value cache conversion to and from the 8-bit codes. A block takes a
+// few (batch, head, position) rows; each thread converts 8 consecutive
+// elements of one key or value row: one 16-byte load of fp16 (two of fp32)
+// against one 8-byte access to the codes.
+#include "common/kv_codes.h"
+#include "cuda/common/types.cuh"
+#include "cuda/kv_cache.h"
+
+namespace vorta::cuda {
+namespace {
+
+constexpr int kThreads = 256;
+constexpr int kRun = 8;  // elements per thread
+
+__device__ __forceinline__ uint16_t half_bits(half v) { return v.bits; }
+__device__ __forceinline__ uint16_t half_bits(float v) { return __half_as_ushort(__float2half_rn(v)); }
+
+template <typename T>
+__device__ __forceinline__ T from_half_bits(uint16_t h);
+template <>
+__device__ __forceinline__ half from_half_bits<half>(uint16_t h) {
+  return half{h};
+}
+template <>
+__device__ __forceinline__ float from_half_bits<float>(uint16_t h) {
+  return __half2float(__ushort_as_half(h));
+}
+
+// kRun elements of T at p (16-byte aligned when `vector`).
+template <typename T>
+struct Run {
+  T v[kRun];
+};
+
+template <typename T>
+__device__ __forceinline__ Run<T> load_run(const T* p) {
+  Run<T> r;
+#pragma unroll
+  for (int k = 0; k < int(sizeof(Run<T>)) / 16; ++k) {
+    const uint4 raw = reinterpret_cast<const uint4*>(p)[k];
+    memcpy(reinterpret_cast<char*>(&r) + 16 * k, &raw, 16);
+  }
+  return r;
+}
+
+template <typename T>
+__device__ __forceinline__ void store_run(T* p, const Run<T>& r) {
+#pragma unroll
+  for (int k = 0; k < int(sizeof(Run<T>)) / 16; ++k) {
+    uint4 raw;
+    memcpy(&raw, reinterpret_cast<const char*>(&r) + 16 * k, 16);
+    reinterpret_cast<uint4*>(p)[k] = raw;
+  }
+}
+
+template <class Code, typename T>
+__device__ __forceinline__ void convert(const T* src, uint8_t* dst, int64_t e, int64_t dim, bool vector) {
+  if (vector) {
+    const Run<T> x = load_run(src + e);
+    uint8_t b[kRun];
+#pragma unroll
+    for (int j = 0; j < kRun; ++j) b[j] = kv::encode<Code>(half_bits(x.v[j]));
+    uint2 raw;
+    memcpy(&raw, b, 8);
+    *reinterpret_cast<uint2*>(dst + e) = raw;
+  } else {
+    for (int64_t j = e; j < e + kRun && j < dim; ++j) dst[j] = kv::encode<Code>(half_bits(src[j]));
+  }
+}
+
+template <class Code, typename T>
+__device__ __forceinline__ void convert(const uint8_t* src, T* dst, int64_t e, int64_t dim, bool vector) {
+  if (vector) {
+    const uint2 raw = *reinterpret_cast<const uint2*>(src + e);
+    uint8_t b[kRun];
+    memcpy(b, &raw, 8);
+    Run<T> y;
+#pragma unroll
+    for (int j = 0; j < kRun; ++j) y.v[j] = from_half_bits<T>(kv::decode<Code>(b[j]));
+    store_run(dst + e, y);
+  } else {
+    for (int64_t j = e; j < e + kRun && j < dim; ++j) dst[j] = from_half_bits<T>(kv::decode<Code>(src[j]));
+  }
+}
+
+inline __device__ int64_t row_offset(const int64_t (&stride)[3], int64_t b, int64_t h, int64_t s) {
+  return b * stride[0] + h * stride[1] + s * stride[2];
+}
+
+// Block (i, h, b) converts rows (b, h, i * blockDim.y + threadIdx.y);
+// threadIdx.x < key_runs takes a run of the key row, the rest one of the
+// value row.
+template <typename Src, typename Dst>
+__global__ void __launch_bounds__(kThreads) kv_convert_kernel(KvConvertParams<Src, Dst> p, int key_runs,
+                                                              bool vector) {
+  const KvRows& g = p.rows;
+  const int64_t s = int64_t(blockIdx.x) * blockDim.y + threadIdx.y, h = blockIdx.y, b = blockIdx.z;
+  if (s >= g.seq_len) return;
+  const int x = threadIdx.x;
+  if (x < key_runs)
+    convert<kv::KeyCode>(p.key + row_offset(g.key_stride, b, h, s),
+                         p.key_out + row_offset(g.key_out_stride, b, h, s), int64_t(x) * kRun, p.key_dim,
+                         vector);
+  else
+    convert<kv::ValueCode>(p.value + row_offset(g.value_stride, b, h, s),
+                           p.value_out + row_offset(g.value_out_stride, b, h, s),
+                           int64_t(x - key_runs) * kRun, p.value_dim, vector);
+}
+
+// Every run of every row starts at the alignment of its widest access.
+template <typename T>
+bool runs_aligned(const T* base, const int64_t (&stride)[3], int64_t dim) {
+  const int64_t unit = std::min<int64_t>(16, kRun * int64_t(sizeof(T)));
+  auto ok = [&](int64_t elements) { return (elements * int64_t(sizeof(T))) % unit == 0; };
+  return reinterpret_cast<uintptr_t>(base) % unit == 0 && ok(stride[0]) && ok(stride[1]) &&
+         ok(stride[2]) && dim % kRun == 0;
+}
+
+template <typename Src, typename Dst>
+cudaError_t convert_rows(const KvConvertParams<Src, Dst>& p, cudaStream_t stream) {
+  const KvRows& g = p.rows;
+  if (g.bsz < 0 || g.num_heads < 0 || g.seq_len < 0 || p.key_dim < 0 || p.value_dim < 0)
+    return cudaErrorInvalidValue;
+  const int64_t rows = g.bsz * g.num_heads * g.seq_len;
+  const int64_t key_runs = ceil_div(p.key_dim, kRun), value_runs = ceil_div(p.value_dim, kRun);
+  const int64_t x = key_runs + value_runs;
+  if (rows == 0 || x == 0) return cudaSuccess;
+  if (x > kThreads) return cudaErrorInvalidValue;
+  const bool vector = runs_aligned(p.key, g.key_stride, p.key_dim) &&
+                      runs_aligned(p.key_out, g.key_out_stride, p.key_dim) &&
+                      runs_aligned(p.value, g.value_stride, p.value_dim) &&
+                      runs_aligned(p.value_out, g.value_out_stride, p.value_dim);
+  const int y = int(std::min<int64_t>(kThreads / x, g.seq_len));
+  const int64_t tiles = ceil_div(g.seq_len, y);
+  if (tiles >= (int64_t(1) << 31) || g.num_heads > 65535 || g.bsz > 65535) return cudaErrorInvalidValue;
+  const dim3 grid(unsigned(tiles), unsigned(g.num_heads), unsigned(g.bsz));
+  kv_convert_kernel<Src, Dst><<<grid, dim3(unsigned(x), unsigned(y)), 0, stream>>>(p, int(key_runs), vector);
+  return launch_status();
+}
+
+}  // namespace
+
+template <typename T>
+cudaError_t quantize_key_value(const KvConvertParams<T, uint8_t>& p, cudaStream_t stream) {
+  return convert_rows(p, stream);
+}
+
+template <typename T>
+cudaError_t dequantize_key_value(const KvConvertParams<uint8_t, T>& p, cudaStream_t stream) {
+  return convert_rows(p, stream);
+}
+
+template cudaError_t quantize_key_value<float>(const KvConvertParams<float, uint8_t>&, cudaStream_t);
+template cudaError_t quantize_key_value<half>(const KvConvertParams<half, uint8_t>&, cudaStream_t);
+template cudaError_t dequantize_key_value<float>(const KvConvertParams<uint8_t, float>&, cudaStream_t);
+template cudaError_t dequantize_key_value<half>(const KvConvertParams<uint8_t, half>&, cudaStream_t);
+
+}  // namespace vorta::cuda
