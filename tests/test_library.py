@@ -16,6 +16,7 @@ import torch
 import torch._dynamo.testing
 
 import vorta_addons
+from conftest import DEVICES
 from test_module import TABLE
 
 sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
@@ -94,6 +95,8 @@ def without_kernels(e):
     return re.search(r"no CUDA kernels|has no kernels for cuda", str(e)) is not None
 
 
+# Every device of the build; an operator whose group has no CUDA kernels is skipped on CUDA.
+@pytest.mark.parametrize("device", DEVICES)
 @pytest.mark.parametrize("index", range(len(CASE_IDS)), ids=CASE_IDS)
 def test_opcheck(device, family, index):
     name, args, fam = cases(device)[index]
