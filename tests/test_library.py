@@ -162,9 +162,9 @@ def test_decoder_compiles_to_one_graph_per_step_kind():
     assert torch.equal(traced.k_cache, eager.k_cache) and torch.equal(traced.v_cache, eager.v_cache)
 
 
-def compiled_against_eager(device, kv_cache, rope, fixed_shapes=None, steps=6):
+def compiled_against_eager(device, kv_cache, rope, fixed_shapes=None, dtype=torch.float32, steps=6):
     w = random_weights(ONE_LAYER, seed=4, tied=False)
-    kw = dict(kv_cache=kv_cache, rope=rope, batch=2, max_len=9 + steps + 1, device=device)
+    kw = dict(kv_cache=kv_cache, rope=rope, batch=2, max_len=9 + steps + 1, device=device, dtype=dtype)
     eager = VortaLlama(ONE_LAYER, w, **kw)
     compiled = CompiledLlama(ONE_LAYER, w, fixed_shapes=fixed_shapes, **kw)
     ids = prompt(ONE_LAYER, 2, 9).to(device)
@@ -181,13 +181,15 @@ def compiled_against_eager(device, kv_cache, rope, fixed_shapes=None, steps=6):
     assert torch.equal(torch.stack(compiled.k_cache), eager.k_cache)
 
 
-@pytest.mark.parametrize("fixed_shapes,rope", [(True, "freq"), (False, "cache")])
-def test_compiled_decode_matches_eager(fixed_shapes, rope):
+@pytest.mark.parametrize("fixed_shapes,rope,dtype", [(True, "freq", torch.float32),
+                                                     (False, "cache", torch.float16)],
+                         ids=["fixed-shapes-fp32", "symbolic-position-fp16"])
+def test_compiled_decode_matches_eager(fixed_shapes, rope, dtype):
     """The demo's --compile runner, with the 8-bit cache written inside the graph: decode steps
     of one shape over the whole cache under a mask (the CUDA-graph form), or the eager steps
-    with a symbolic position, give the eager loop's logits."""
+    with a symbolic position, give the eager loop's logits, in half precision too."""
     torch._dynamo.reset()
-    compiled_against_eager("cpu", "int8", rope, fixed_shapes)
+    compiled_against_eager("cpu", "int8", rope, fixed_shapes, dtype)
 
 
 @pytest.mark.skipif(not torch.cuda.is_available(), reason="needs a CUDA device")

@@ -38,8 +38,11 @@ class CompiledLlama(VortaLlama):
             tensors = [t for t in vars(self).values() if isinstance(t, torch.Tensor)]
             for t in tensors + self.k_cache + self.v_cache + [t for lw in self.layers for t in lw.values()]:
                 torch._dynamo.mark_static_address(t)
+        # No pattern rewrites: inductor would fold each residual add into its projection
+        # (addmm), rounding once where the eager loop rounds twice in half precision.
+        options = {"pattern_matcher": False, "triton.cudagraphs": self.cuda_graphs}
         self._decode = torch.compile(lambda tokens: VortaLlama._step(self, tokens), fullgraph=True,
-                                     mode="reduce-overhead" if self.cuda_graphs else None)
+                                     options=options)
 
     def reset(self):
         super().reset()
