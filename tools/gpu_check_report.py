@@ -63,6 +63,7 @@ def main():
     result = {
         "steps": steps,
         "tests": pytest_counts(read(os.path.join(out, "tests.log"))),
+        "cudagraphs": pytest_counts(read(os.path.join(out, "cudagraphs.log"))),
         "memcheck": {"errors": sanitizer_errors(read(os.path.join(out, "memcheck.log"))),
                      "tests": pytest_counts(read(os.path.join(out, "memcheck.log")))},
         "racecheck": {"errors": sanitizer_errors(read(os.path.join(out, "racecheck.log"))),
@@ -102,6 +103,8 @@ def main():
     t = result["tests"]
     print(f"tests      {t.get('passed', 0)} passed, {t.get('failed', 0)} failed, "
           f"{t.get('error', 0) + t.get('errors', 0)} errors, {t.get('skipped', 0)} skipped")
+    c = result["cudagraphs"]
+    print(f"cudagraphs {c.get('passed', 0)} passed, {c.get('failed', 0)} failed, {c.get('skipped', 0)} skipped")
     for tool in ("memcheck", "racecheck"):
         r = result[tool]
         print(f"{tool:<10} {r['errors'] if r['errors'] is not None else '-'} errors over "

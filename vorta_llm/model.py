@@ -150,6 +150,13 @@ class VortaLlama:
             raise ValueError("a multi-token step is only supported as the prompt (position 0)")
         if self.pos + L > self.max_len:
             raise ValueError(f"sequence would exceed max_len={self.max_len}")
+        logits = self._step(tokens)
+        self.pos += L
+        return logits
+
+    def _step(self, tokens: torch.Tensor) -> torch.Tensor:
+        """The layers over tokens [b, L] at positions pos..pos+L-1, without the bookkeeping."""
+        b, L = tokens.shape
         c, ops = self.cfg, self.ops
         x = self.embed[tokens.reshape(-1)]            # [b * L, hidden]
         for i, lw in enumerate(self.layers):
@@ -157,7 +164,6 @@ class VortaLlama:
             x += F.linear(self._attention(i, h, b, L), lw["wo"])
             h = ops.rms_norm(lw["ffn_norm"], x, c.rms_eps)
             x += self._mlp(i, h)
-        self.pos += L
         last = x.view(b, L, -1)[:, -1].contiguous()
         return F.linear(ops.rms_norm(self.norm, last, c.rms_eps), self.lm_head).float()
 
