@@ -81,14 +81,15 @@ def main():
     with open(os.path.join(out, "results.json"), "w") as f:
         json.dump(result, f, indent=1)
 
-    print("\n== benchmark (us; %copy = share of the same run's copy bandwidth; graph = per call in a CUDA graph)")
-    print(f"{'operator':<34} {'shape':<28} {'dtype':<8} {'ours':>8} {'compiled':>8} {'%copy':>6} "
+    print("\n== benchmark (us; %limit = share of the same run's copy bandwidth or matmul peak; "
+          "graph = per call in a CUDA graph)")
+    print(f"{'operator':<34} {'shape':<28} {'dtype':<8} {'ours':>8} {'compiled':>8} {'%limit':>6} "
           f"{'vs comp':>7} {'graph':>7}")
     for r in rows:
         f = lambda v, s: format(v, s) if v is not None else "-"
         print(f"{r['op'][:34]:<34} {r['shape'][:28]:<28} {r['dtype']:<8} {f(r['ours_us'], '8.2f')} "
-              f"{f(r.get('compiled_us'), '8.2f')} {f(100 * r['copy_fraction'], '6.1f')} "
-              f"{f(r.get('vs_compiled'), '7.2f')} {f(r.get('graph_us'), '7.2f')}")
+              f"{f(r['baselines_us'].get('compile'), '8.2f')} {f(100 * r['fraction'], '6.1f')} "
+              f"{f(r['speedup'].get('compile'), '7.2f')} {f(r.get('graph_us', {}).get('ours'), '7.2f')}")
     if attention:
         print("\n== attention (decode: GB/s of K and V read once, share of the same run's copy bandwidth; "
               "prefill: TFLOP/s)")

@@ -38,8 +38,8 @@ class CompiledLlama(VortaLlama):
             tensors = [t for t in vars(self).values() if isinstance(t, torch.Tensor)]
             for t in tensors + self.k_cache + self.v_cache + [t for lw in self.layers for t in lw.values()]:
                 torch._dynamo.mark_static_address(t)
-        # No pattern rewrites: inductor would fold each residual add into its projection
-        # (addmm), rounding once where the eager loop rounds twice in half precision.
+        # No pattern rewrites: the graph keeps the eager loop's products and adds as they are
+        # written, so half precision rounds where the eager loop rounds.
         options = {"pattern_matcher": False, "triton.cudagraphs": self.cuda_graphs}
         self._decode = torch.compile(lambda tokens: VortaLlama._step(self, tokens), fullgraph=True,
                                      options=options)

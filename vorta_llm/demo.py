@@ -15,7 +15,7 @@ import vorta_addons  # noqa: E402  (after torch)
 
 from .compiled import CompiledLlama  # noqa: E402
 from .config import LlamaConfig  # noqa: E402
-from .generate import Generation, TransformersRunner, generate  # noqa: E402
+from .generate import Generation, TransformersRunner, copy_bandwidth, generate  # noqa: E402
 from .model import VortaLlama, missing_ops  # noqa: E402
 from .reference import ReferenceLlama  # noqa: E402
 from . import weights as W  # noqa: E402
@@ -174,6 +174,11 @@ def main(argv=None):
           f"torch threads {torch.get_num_threads()}")
     print(f"prompt  : {args.prompt!r} ({ids.shape[1]} tokens{'' if args.raw or not real else ' with the chat template'})")
     print(f"loaded in {time.perf_counter() - t0:.1f} s", flush=True)
+    # Each decode step reads every weight once: the copy bandwidth of this machine, measured
+    # now, bounds the decode rate of any implementation of this model.
+    weight_bytes = model.weight_bytes_per_token()
+    bandwidth = copy_bandwidth(args.device)
+    limit_tps = bandwidth / weight_bytes
 
     ours = run(model, ids, args, cfg.eos_token_id, desc="vorta_addons")
     text = tok.decode(ours.tokens[0].tolist(), skip_special_tokens=True) if real else tok.decode(ours.tokens[0].tolist())
@@ -211,9 +216,12 @@ def main(argv=None):
                   f"{max(diffs[1:], default=0.0):.2e}; {args.top_k and 'sampled' or 'greedy'} picks agree at "
                   f"{same}/{steps} steps{' (identical tokens)' if same == steps else ''}{note}")
     rows = [(name, g.prompt_len, f"{g.prefill_s:.3f}", f"{g.prefill_tps:.1f}", g.decode_steps,
-             f"{g.decode_s:.3f}", f"{g.decode_tps:.1f}") for name, g in results]
+             f"{g.decode_s:.3f}", f"{g.decode_tps:.1f}", f"{g.decode_tps / limit_tps:.0%}") for name, g in results]
     print("\n" + _table(rows, ("implementation", "prompt tok", "prefill s", "prefill tok/s",
-                               "decode steps", "decode s", "decode tok/s")))
+                               "decode steps", "decode s", "decode tok/s", "of limit")))
+    print(f"decode limit: {limit_tps:.1f} tok/s = {weight_bytes / 1e6:.1f} MB of weights read per token "
+          f"at {bandwidth / 1e9:.1f} GB/s (copy into a preallocated buffer, bytes read + written, "
+          f"measured in this run)")
     return 0
 
 
