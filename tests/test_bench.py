@@ -1,7 +1,11 @@
 """The benchmark runner's accounting (never its timings): bytes read and written, the limit
 each row is put beside, inputs restored around every timed call, the machine's file name."""
+import itertools
+import json
 import os
+import subprocess
 import sys
+import types
 from unittest import mock
 
 import pytest
@@ -75,3 +79,40 @@ def test_compute_row_is_measured_against_the_peak():
 def test_machine_slug(model, slug):
     with mock.patch.object(runner, "cpu_model", return_value=model):
         assert runner.machine_name("cpu") == slug
+
+
+def one_row_then_failure(device):
+    x = torch.ones(1024, device=device)
+    yield Case("scale", "[1024]", "float32", lambda: x.mul(2.0), torch.mul, (x, 2.0), [x],
+               [fresh((1024,), torch.float32)], size="decode")
+    raise RuntimeError("the run is cut short")
+
+
+def test_rows_are_written_as_measured_where_the_environment_says(tmp_path, monkeypatch):
+    monkeypatch.setenv("VORTA_BENCH_RESULTS_DIR", str(tmp_path))
+    monkeypatch.setattr(runner, "matmul_peaks", lambda device: PEAKS)
+    monkeypatch.setattr(runner, "machine_name", lambda device: "test-machine")
+    module = types.SimpleNamespace(__name__="bench.bench_scale", cases=one_row_then_failure)
+    c = torch._dynamo.config
+    # Restored afterwards: main() sets them for the whole process.
+    with c.patch(recompile_limit=c.recompile_limit, accumulated_recompile_limit=c.accumulated_recompile_limit,
+                 fail_on_recompile_limit_hit=c.fail_on_recompile_limit_hit):
+        with pytest.raises(RuntimeError, match="cut short"):
+            runner.main([module], "cpu", use_compile=False, chart=False)
+    (path,) = tmp_path.glob("test-machine-*.json")
+    rows = json.loads(path.read_text())["rows"]
+    assert [(r["op"], r["group"]) for r in rows] == [("scale", "scale")]
+
+
+def test_gpu_check_summary_reads_the_runner_rows(tmp_path):
+    """tools/gpu-check's table takes the runner's rows as a CUDA run writes them."""
+    (case,) = itertools.islice(one_row_then_failure("cpu"), 1)
+    row = runner.run(case, CopyLimit("cpu"), PEAKS, use_compile=False)
+    row["graph_us"] = {"ours": 1.25}  # what a CUDA run adds to decode-sized rows
+    (tmp_path / "some-gpu-2026-01-01.json").write_text(json.dumps({"rows": [row]}))
+    root = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+    out = subprocess.run([sys.executable, os.path.join(root, "tools", "gpu_check_report.py"), str(tmp_path),
+                          "bench=0:1"], capture_output=True, text=True, check=True).stdout
+    (line,) = [ln for ln in out.splitlines() if ln.startswith("scale")]
+    assert line.split()[-1] == "1.25" and f"{100 * row['fraction']:.1f}" in line
+    assert json.loads((tmp_path / "results.json").read_text())["bench"]["rows"] == 1
