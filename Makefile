@@ -36,7 +36,14 @@ test-cpp: build
 test-py: build
 	PYTHONPATH=$(BUILD) $(PY) -m pytest -q tests
 
-bench: build
+BENCH_STAMP := $(VENV)/.bench-installed
+
+$(BENCH_STAMP): requirements-bench.txt $(STAMP)
+	$(PY) -m pip install -q --disable-pip-version-check -r requirements-bench.txt torch==$(TORCH_VERSION)
+	touch $@
+
+# Writes bench/results/<machine>-<date>.json and .png; BENCH="norm rope" picks groups.
+bench: build $(BENCH_STAMP)
 	@# Huge pages for torch's allocator: fresh 64 MiB buffers otherwise cost more in page faults than in bandwidth.
 	PYTHONPATH=$(BUILD) THP_MEM_ALLOC_ENABLE=1 $(PY) -m bench $(BENCH)
 

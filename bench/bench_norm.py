@@ -1,7 +1,11 @@
+"""RMS and layer norm over rows of 4096: 16384 rows (256 MiB and more moved) and decode rows."""
 import torch
 
 import vorta_addons
-from bench.runner import Case
+from bench.runner import Case, dtype_name, fresh, uniform
+
+HIDDEN = 4096
+ROWS = [(16384, "large"), (8, "decode"), (1, "decode")]
 
 
 def rms_composite(w, x, eps):
@@ -16,17 +20,16 @@ def layer_composite(x, w, b, eps):
     return (y * w.float() + b.float()).to(x.dtype)
 
 
-def cases():
-    for rows, hidden in [(4096, 4096), (8, 4096)]:
+def cases(device):
+    for rows, size in ROWS:
         for dtype in (torch.float32, torch.float16):
-            x = torch.randn(rows, hidden).to(dtype)
-            w = torch.rand(hidden).to(dtype)
-            b = torch.randn(hidden).to(dtype)
-            out = torch.empty_like(x)
-            name = str(dtype).replace("torch.", "")
-            yield Case("rms_norm", f"[{rows}, {hidden}]", name,
-                       lambda w=w, x=x: vorta_addons.rms_norm(w, x, 1e-6),
-                       lambda w=w, x=x: rms_composite(w, x, 1e-6), [x, out])
-            yield Case("layer_norm", f"[{rows}, {hidden}]", name,
+            x = uniform((rows, HIDDEN), dtype, device)
+            w = uniform((HIDDEN,), dtype, device, 0.5, 1.5)
+            b = uniform((HIDDEN,), dtype, device)
+            out = fresh(x.shape, dtype)
+            shape, name = f"[{rows}, {HIDDEN}]", dtype_name(dtype)
+            yield Case("rms_norm", shape, name, lambda w=w, x=x: vorta_addons.rms_norm(w, x, 1e-6),
+                       rms_composite, (w, x, 1e-6), [x, w], [out], size=size)
+            yield Case("layer_norm", shape, name,
                        lambda x=x, w=w, b=b: vorta_addons.layer_norm(x, w, b, 1e-6),
-                       lambda x=x, w=w, b=b: layer_composite(x, w, b, 1e-6), [x, out])
+                       layer_composite, (x, w, b, 1e-6), [x, w, b], [out], size=size)

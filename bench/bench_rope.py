@@ -1,9 +1,14 @@
+"""Rotary embedding in place on query and key, as strided views of a fused QKV projection
+(32 query and 8 key/value heads of 128): 8 x 2048 prompt tokens, and decode steps of 1 and 8
+sequences at position 4095."""
 import torch
 
 import vorta_addons
-from bench.runner import Case
+from bench.runner import Case, dtype_name, uniform
 
-BSZ, SEQ, HEADS, KV_HEADS, HEAD_DIM = 8, 1024, 32, 8, 128
+HEADS, KV_HEADS, HEAD_DIM = 32, 8, 128
+SIZES = [(8, 2048, "large"), (8, 1, "decode"), (1, 1, "decode")]
+DECODE_POS = 4095
 
 
 def rotate_half(x):
@@ -18,10 +23,7 @@ def rotate_every_two(x):
 def inv_freq_composite(inv_freq, position_ids, q, k, every_two):
     # What a model's rotary module does: angles, cos/sin tables, then the rotation written back.
     freqs = position_ids[:, None, :, None].float() * inv_freq.float()
-    if every_two:
-        emb = freqs.repeat_interleave(2, dim=-1)
-    else:
-        emb = torch.cat((freqs, freqs), dim=-1)
+    emb = freqs.repeat_interleave(2, dim=-1) if every_two else torch.cat((freqs, freqs), dim=-1)
     cos, sin = emb.cos().to(q.dtype), emb.sin().to(q.dtype)
     rot = rotate_every_two if every_two else rotate_half
     q.copy_(q * cos + rot(q) * sin)
@@ -39,37 +41,36 @@ def cache_composite(q, k, cos, sin, every_two):
     k.copy_(k * cos + rot(k) * sin)
 
 
-def projections(bsz, seq, dtype):
+def projections(bsz, seq, dtype, device):
     """query and key as [bsz, heads, seq, head_dim] views of a fused QKV projection."""
-    qkv = torch.randn(bsz, seq, HEADS + 2 * KV_HEADS, HEAD_DIM).to(dtype)
-    q = qkv[:, :, :HEADS].transpose(1, 2)
-    k = qkv[:, :, HEADS:HEADS + KV_HEADS].transpose(1, 2)
-    return q, k
+    qkv = uniform((bsz, seq, HEADS + 2 * KV_HEADS, HEAD_DIM), dtype, device)
+    return qkv[:, :, :HEADS].transpose(1, 2), qkv[:, :, HEADS:HEADS + KV_HEADS].transpose(1, 2)
 
 
-def cases():
-    for bsz, seq in [(BSZ, SEQ), (1, 1)]:
+def cases(device):
+    for bsz, seq, size in SIZES:
         shape = f"[{bsz}, {HEADS}/{KV_HEADS}, {seq}, {HEAD_DIM}]"
+        start = 0 if seq > 1 else DECODE_POS
+        inv64 = 1.0 / 10000 ** (torch.arange(0, HEAD_DIM, 2, dtype=torch.float64) / HEAD_DIM)
         for dtype in (torch.float16, torch.float32):
-            name = str(dtype).replace("torch.", "")
-            q, k = projections(bsz, seq, dtype)
-            inv_freq = (1.0 / 10000 ** (torch.arange(0, HEAD_DIM, 2) / HEAD_DIM)).to(dtype)
-            pos = torch.arange(seq).repeat(bsz, 1)
+            q, k = projections(bsz, seq, dtype, device)
+            inv_freq = inv64.to(device=device, dtype=dtype)
+            pos = torch.arange(start, start + seq, device=device).repeat(bsz, 1)
             for op, two in (("rotary_half_inplaced", False), ("rotary_two_inplaced", True)):
                 fn = getattr(vorta_addons, op)
-                yield Case(op, shape, name,
+                yield Case(op, shape, dtype_name(dtype),
                            lambda fn=fn, q=q, k=k, f=inv_freq, p=pos: fn(f, p, q, k),
-                           lambda q=q, k=k, f=inv_freq, p=pos, two=two: inv_freq_composite(f, p, q, k, two),
-                           [q, k])
+                           inv_freq_composite, (inv_freq, pos, q, k, two),
+                           [q, k, inv_freq, pos], [q, k], restore=[q, k], size=size)
         for dtype in (torch.float16, torch.bfloat16):
-            name = str(dtype).replace("torch.", "")
-            q, k = projections(bsz, seq, dtype)
-            angle = torch.arange(seq)[:, None].float() / 10000 ** (torch.arange(0, HEAD_DIM, 2) / HEAD_DIM)
+            q, k = projections(bsz, seq, dtype, device)
+            angle = torch.arange(start, start + seq, dtype=torch.float64)[:, None] * inv64
             angle = torch.cat((angle, angle), dim=-1)
-            cos, sin = angle.cos().to(dtype), angle.sin().to(dtype)
-            yield Case("rotary_half_with_cache_inplaced", shape, name,
+            cos, sin = angle.cos().to(device, dtype), angle.sin().to(device, dtype)
+            common = dict(reads=[q, k, cos, sin], writes=[q, k], restore=[q, k], size=size)
+            yield Case("rotary_half_with_cache_inplaced", shape, dtype_name(dtype),
                        lambda q=q, k=k, c=cos, s=sin: vorta_addons.rotary_half_with_cache_inplaced(q, k, c, s),
-                       lambda q=q, k=k, c=cos, s=sin: cache_composite(q, k, c, s, False), [q, k])
-            yield Case("rotary_two_with_cache_inplaced", shape, name,
+                       cache_composite, (q, k, cos, sin, False), **common)
+            yield Case("rotary_two_with_cache_inplaced", shape, dtype_name(dtype),
                        lambda q=q, k=k, c=cos, s=sin: vorta_addons.rotary_two_with_cache_inplaced(q, k, c, s, True),
-                       lambda q=q, k=k, c=cos, s=sin: cache_composite(q, k, c, s, True), [q, k])
+                       cache_composite, (q, k, cos, sin, True), **common)

@@ -20,47 +20,26 @@ import json
 import math
 import os
 import re
-import statistics
 import sys
 
 import torch
 import torch.nn.functional as F
 
 import vorta_addons
+from bench.runner import cuda_graph_median, cuda_median
 
 L2_ROTATION_BYTES = 512 << 20  # operand sets cycled per measurement, well past any L2
 
 
-def event_ms(fn, reps=30, warmup=3):
-    """Median milliseconds of fn() between two CUDA events."""
-    for _ in range(warmup):
-        fn()
-    torch.cuda.synchronize()
-    pairs = []
-    for _ in range(reps):
-        s, e = torch.cuda.Event(enable_timing=True), torch.cuda.Event(enable_timing=True)
-        s.record()
-        fn()
-        e.record()
-        pairs.append((s, e))
-    torch.cuda.synchronize()
-    return statistics.median(s.elapsed_time(e) for s, e in pairs)
+def event_ms(fn):
+    """Median milliseconds of fn() between two CUDA events (the benchmark runner's timer)."""
+    return cuda_median(fn) * 1e3
 
 
-def graph_ms(calls, replays=20):
+def graph_ms(calls):
     """Per-call milliseconds of the given calls (each on its own operands) captured once in
     a CUDA graph and replayed: the host's launch overhead stays out of small decode calls."""
-    side = torch.cuda.Stream()
-    side.wait_stream(torch.cuda.current_stream())
-    with torch.cuda.stream(side):  # warm-up outside the capture
-        for call in calls:
-            call()
-    torch.cuda.current_stream().wait_stream(side)
-    graph = torch.cuda.CUDAGraph()
-    with torch.cuda.graph(graph):
-        for call in calls:
-            call()
-    return event_ms(graph.replay, reps=replays) / len(calls)
+    return cuda_graph_median(calls) * 1e3
 
 
 def operand_sets(make, nbytes):
@@ -106,12 +85,12 @@ def prefill_rows(bsz=4, heads=32, n=4096):
         for causal in (False, True):
             flops = 4.0 * bsz * heads * n * n * d * (0.5 if causal else 1.0)
             op = vorta_addons.sdp_causal if causal else vorta_addons.sdp_non_causal
-            t_ours = event_ms(lambda: op(q, k, v, None, scale), reps=10)
+            t_ours = event_ms(lambda: op(q, k, v, None, scale))
 
             def flash():
                 with sdpa_kernel(SDPBackend.FLASH_ATTENTION):
                     return F.scaled_dot_product_attention(q, k, v, is_causal=causal, scale=scale)
-            t_flash = event_ms(flash, reps=10)
+            t_flash = event_ms(flash)
             yield {"op": "sdp_causal" if causal else "sdp_non_causal", "shape": f"{bsz}x{heads}x{n} d{d}",
                    "dtype": "fp16", "ours_us": 1e3 * t_ours, "flash_us": 1e3 * t_flash,
                    "TFLOP/s": flops / t_ours / 1e9, "flash TFLOP/s": flops / t_flash / 1e9,
@@ -119,8 +98,8 @@ def prefill_rows(bsz=4, heads=32, n=4096):
     # float32 keeps float32 arithmetic (CUDA cores): for the record, beside torch's own.
     q, k, v = (torch.randn(1, 32, 2048, 128, device="cuda") for _ in range(3))
     flops = 4.0 * 32 * 2048 * 2048 * 128
-    t_ours = event_ms(lambda: vorta_addons.sdp_non_causal(q, k, v, None, 128 ** -0.5), reps=5)
-    t_torch = event_ms(lambda: F.scaled_dot_product_attention(q, k, v), reps=5)
+    t_ours = event_ms(lambda: vorta_addons.sdp_non_causal(q, k, v, None, 128 ** -0.5))
+    t_torch = event_ms(lambda: F.scaled_dot_product_attention(q, k, v))
     yield {"op": "sdp_non_causal", "shape": "1x32x2048 d128", "dtype": "fp32", "ours_us": 1e3 * t_ours,
            "sdpa_us": 1e3 * t_torch, "TFLOP/s": flops / t_ours / 1e9, "sdpa TFLOP/s": flops / t_torch / 1e9,
            "vs_sdpa": t_torch / t_ours}

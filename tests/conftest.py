@@ -21,7 +21,7 @@ DEVICES = ["cpu", "cuda"] if GPU else ["cpu"]
 
 def _build_problems():
     """Why the imported module is not the build the environment names, if it is not."""
-    found = os.path.dirname(os.path.realpath(vorta_addons.__file__))
+    found = os.path.dirname(os.path.dirname(os.path.realpath(vorta_addons.__file__)))
     if os.path.isdir(BUILD_DIR) and found != os.path.realpath(BUILD_DIR):
         return [f"imported {vorta_addons.__file__}, not the module in {BUILD_DIR}"]
     problems = []

@@ -159,3 +159,20 @@ def test_top_k_sampling_stays_in_the_top_k():
         picked = pick(scores, top_k=5, temperature=0.7, generator=g)
         assert (top == picked[:, None]).any(dim=1).all()
     assert torch.equal(pick(scores), scores.argmax(-1))
+
+
+@pytest.mark.parametrize("tied", [True, False])
+def test_weight_bytes_per_token(tied):
+    """What one decode step streams: every matrix and norm of the layers, the final norm, the
+    output head (the embedding when tied) and one embedding row; for a mixture-of-experts
+    layer the router and top_k experts instead of the MLP."""
+    w = random_weights(TINY, seed=2, tied=tied)
+    m = make_moe("softmax", hidden=TINY.hidden_size, inter=96)
+    model = VortaLlama(TINY, w, dtype=torch.float16, moe={1: m}, max_len=8)
+    hd, ff = TINY.hidden_size, TINY.intermediate_size
+    attn = (TINY.num_heads + 2 * TINY.num_kv_heads) * TINY.head_dim * hd + hd * TINY.num_heads * TINY.head_dim
+    dense_layer = attn + 3 * hd * ff + 2 * hd
+    moe_layer = attn + 2 * hd + m.router.numel() + m.top_k * 3 * hd * 96
+    head = TINY.vocab_size * hd
+    want = dense_layer + moe_layer + hd + head + hd
+    assert model.weight_bytes_per_token() == 2 * want

@@ -27,6 +27,12 @@ def pytest_counts(log):
                                                lines[-1])}
 
 
+def section(log, step):
+    """What one step wrote to a log that several steps share (from its "== step (" header on)."""
+    parts = re.split(r"^(?===\s\w+ \(at most)", log, flags=re.M)
+    return "".join(p for p in parts if p.startswith(f"== {step} ("))
+
+
 def failed_tests(log):
     """The ids of the tests pytest reported as failed or in error, in order, once each."""
     return list(dict.fromkeys(re.findall(r"^(?:FAILED|ERROR) (\S+)", log, re.M)))
@@ -67,14 +73,15 @@ def main():
         steps[key] = {"rc": rc, "seconds": int(secs or 0)}
     build = read(os.path.join(out, "build.log"))
     kernels = ptxas(build)
+    sanitize = read(os.path.join(out, "sanitize.log"))
+    memcheck, racecheck = section(sanitize, "memcheck"), section(sanitize, "racecheck")
     result = {
         "steps": steps,
         "tests": pytest_counts(read(os.path.join(out, "tests.log"))),
-        "failed": failed_tests(read(os.path.join(out, "tests.log")) + read(os.path.join(out, "memcheck.log"))),
-        "memcheck": {"errors": sanitizer_errors(read(os.path.join(out, "memcheck.log"))),
-                     "tests": pytest_counts(read(os.path.join(out, "memcheck.log")))},
-        "racecheck": {"errors": sanitizer_errors(read(os.path.join(out, "racecheck.log"))),
-                      "tests": pytest_counts(read(os.path.join(out, "racecheck.log")))},
+        "failed": failed_tests(read(os.path.join(out, "tests.log")) + memcheck),
+        "cudagraphs": pytest_counts(read(os.path.join(out, "cudagraphs.log"))),
+        "memcheck": {"errors": sanitizer_errors(memcheck), "tests": pytest_counts(memcheck)},
+        "racecheck": {"errors": sanitizer_errors(racecheck), "tests": pytest_counts(racecheck)},
         "kernels": kernels,
         "spilling_kernels": [k["kernel"] for k in kernels if k.get("spill_stores") or k.get("stack")],
     }
@@ -88,14 +95,15 @@ def main():
     with open(os.path.join(out, "results.json"), "w") as f:
         json.dump(result, f, indent=1)
 
-    print("\n== benchmark (us; %copy = share of the same run's copy bandwidth; graph = per call in a CUDA graph)")
-    print(f"{'operator':<34} {'shape':<28} {'dtype':<8} {'ours':>8} {'compiled':>8} {'%copy':>6} "
+    print("\n== benchmark (us; %limit = share of the same run's copy bandwidth or matmul peak; "
+          "graph = per call in a CUDA graph)")
+    print(f"{'operator':<34} {'shape':<28} {'dtype':<8} {'ours':>8} {'compiled':>8} {'%limit':>6} "
           f"{'vs comp':>7} {'graph':>7}")
     for r in rows:
         f = lambda v, s: format(v, s) if v is not None else "-"
         print(f"{r['op'][:34]:<34} {r['shape'][:28]:<28} {r['dtype']:<8} {f(r['ours_us'], '8.2f')} "
-              f"{f(r.get('compiled_us'), '8.2f')} {f(100 * r['copy_fraction'], '6.1f')} "
-              f"{f(r.get('vs_compiled'), '7.2f')} {f(r.get('graph_us'), '7.2f')}")
+              f"{f(r['baselines_us'].get('compile'), '8.2f')} {f(100 * r['fraction'], '6.1f')} "
+              f"{f(r['speedup'].get('compile'), '7.2f')} {f(r.get('graph_us', {}).get('ours'), '7.2f')}")
     if attention:
         print("\n== attention (decode: GB/s of K and V read once, share of the same run's copy bandwidth; "
               "prefill: TFLOP/s)")
@@ -112,6 +120,8 @@ def main():
           f"{t.get('error', 0) + t.get('errors', 0)} errors, {t.get('skipped', 0)} skipped")
     for name in result["failed"]:
         print(f"  failed   {name}")
+    c = result["cudagraphs"]
+    print(f"cudagraphs {c.get('passed', 0)} passed, {c.get('failed', 0)} failed, {c.get('skipped', 0)} skipped")
     for tool in ("memcheck", "racecheck"):
         r = result[tool]
         print(f"{tool:<10} {r['errors'] if r['errors'] is not None else '-'} errors over "

@@ -34,6 +34,21 @@ def _sync(device):
         torch.cuda.synchronize()
 
 
+def copy_bandwidth(device="cpu", nbytes=256 << 20, runs=7) -> float:
+    """Bytes read plus written per second by a copy between two preallocated buffers (median
+    of `runs` after one untimed copy): the rate at which this machine streams memory."""
+    src = torch.ones(nbytes // 4, device=device)
+    dst = torch.empty_like(src)
+    times = []
+    for _ in range(runs + 1):
+        _sync(device)
+        t0 = time.perf_counter()
+        dst.copy_(src)
+        _sync(device)
+        times.append(time.perf_counter() - t0)
+    return 2 * nbytes / sorted(times[1:])[runs // 2]
+
+
 def pick(scores: torch.Tensor, top_k: int = 0, temperature: float = 1.0, generator=None) -> torch.Tensor:
     """Greedy (top_k == 0) or top-k sampling at a temperature; scores [b, vocab] -> [b]."""
     if top_k <= 0:

@@ -5,13 +5,18 @@ them runs on the module's operators. The key/value cache is preallocated once as
 [layers, batch, kv_heads, max_len, head_dim] (float, or uint8 for the 8-bit code) and each
 step writes its rows in place into `cache[l][:, :, pos:pos + L]`; the attention operators
 read `cache[l][:, :, :pos + L]` as strided views, so the decode loop copies no history.
+
+A decode step streams every weight once, so its speed is set by memory bandwidth: weights keep
+the [out, in] layout whose rows the matrix-vector products read contiguously, query/key/value
+and gate/up are each one product, the residual adds ride on the output and down products
+(`addmm_`), and the activations go to buffers made once per token count.
 """
 from __future__ import annotations
 
 import math
+from types import SimpleNamespace
 
 import torch
-import torch.nn.functional as F
 
 from .config import LlamaConfig
 from .moe import MoEWeights, moe_mlp
@@ -31,6 +36,11 @@ def missing_ops(ops, kv_cache="full", rope="cache", moe_routing=()):
     names = list(REQUIRED_OPS["base"] + REQUIRED_OPS[kv_cache] + REQUIRED_OPS[rope])
     names += ["moe_softmax_topk" if r == "softmax" else "moe_group_topk" for r in moe_routing]
     return [n for n in names if not hasattr(ops, n)]
+
+
+# The buffers of a step traced by torch.compile: none (out=None), so that the compiled graph
+# plans its own memory, which a CUDA graph then replays in place.
+_TRACED = SimpleNamespace(x=None, qkv=None, gate_up=None, logits=None)
 
 
 class VortaLlama:
@@ -68,8 +78,9 @@ class VortaLlama:
                 "wqkv": conv(torch.cat([weights[p + "wq"], weights[p + "wk"], weights[p + "wv"]])),
                 "wo": conv(weights[p + "wo"]),
                 "ffn_norm": conv(weights[p + "ffn_norm"]),
-                "w_gate": conv(weights[p + "w_gate"]),
-                "w_up": conv(weights[p + "w_up"]),
+                # Gate over up: one product gives [2 * inter, tokens], whose two halves are the
+                # dense operands the activation needs.
+                "w_gate_up": conv(torch.cat([weights[p + "w_gate"], weights[p + "w_up"]])),
                 "w_down": conv(weights[p + "w_down"]),
             })
         self.moe = {i: m.to(dtype=dtype, device=self.device) for i, m in (moe or {}).items()}
@@ -87,16 +98,44 @@ class VortaLlama:
         self.k_cache = torch.zeros(shape, dtype=cache_dtype, device=self.device)
         self.v_cache = torch.zeros(shape, dtype=cache_dtype, device=self.device)
         self.pos = 0
+        self._work = {}
 
     def reset(self):
         self.pos = 0
+
+    def weight_bytes_per_token(self) -> int:
+        """Bytes of weights one decode step reads: every layer's matrices and norms (for a
+        mixture-of-experts layer the router and top_k experts), the final norm, the output
+        head and one embedding row."""
+        size = lambda t: t.numel() * t.element_size()  # noqa: E731
+        total = size(self.norm) + size(self.lm_head) + size(self.embed[0])
+        for i, lw in enumerate(self.layers):
+            if i in self.moe:
+                m = self.moe[i]
+                lw = {k: v for k, v in lw.items() if k not in ("w_gate_up", "w_down")}
+                total += size(m.router) + m.top_k * sum(size(t[0]) for t in (m.w_gate, m.w_up, m.w_down))
+            total += sum(size(t) for t in lw.values())
+        return total
+
+    def _buffers(self, n):
+        """Activations of a step over n token rows, made once per n: decode steps reuse them."""
+        if torch.compiler.is_compiling():
+            return _TRACED
+        work = self._work.get(n)
+        if work is None:
+            c = self.cfg
+            make = lambda *shape: torch.empty(shape, dtype=self.dtype, device=self.device)  # noqa: E731
+            work = self._work[n] = SimpleNamespace(
+                x=make(n, c.hidden_size), qkv=make(n, (c.num_heads + 2 * c.num_kv_heads) * c.head_dim),
+                gate_up=make(2 * c.intermediate_size, n), logits=make(self.batch, c.vocab_size))
+        return work
 
     # -- one layer -------------------------------------------------------------------------
 
     def _attention(self, i, h, b, L):
         c, ops, lw = self.cfg, self.ops, self.layers[i]
         H, K, D, pos = c.num_heads, c.num_kv_heads, c.head_dim, self.pos
-        qkv = F.linear(h, lw["wqkv"]).view(b, L, H + 2 * K, D)
+        qkv = torch.mm(h, lw["wqkv"].t(), out=self._buffers(b * L).qkv).view(b, L, H + 2 * K, D)
         q = qkv[:, :, :H].transpose(1, 2)            # [b, H, L, D] strided views of qkv
         k = qkv[:, :, H:H + K].transpose(1, 2)
         v = qkv[:, :, H + K:].transpose(1, 2)
@@ -126,15 +165,17 @@ class VortaLlama:
         # [b, H, L, D] (a view for prefill) -> [b * L, H * D]
         return out.transpose(1, 2).reshape(b * L, H * D)
 
-    def _mlp(self, i, h):
+    def _mlp(self, i, h, x):
+        """Adds the layer's MLP of h [tokens, hidden] to x in place."""
         if i in self.moe:
-            return moe_mlp(self.ops, self.moe[i], h)
-        lw = self.layers[i]
-        # Two products rather than one over stacked weights: the activation needs gate and up
-        # dense, and a batched product over a broadcast row is far slower on the CPU.
-        gate, up = F.linear(h, lw["w_gate"]), F.linear(h, lw["w_up"])
-        self.ops.mlp_silu_mul_inplaced(gate, up)
-        return F.linear(gate, lw["w_down"])
+            x += moe_mlp(self.ops, self.moe[i], h)
+            return
+        lw, inter = self.layers[i], self.cfg.intermediate_size
+        # Token columns: gate and up come out as dense [inter, tokens] halves of one product.
+        gate_up = torch.mm(lw["w_gate_up"], h.t(), out=self._buffers(h.shape[0]).gate_up)
+        gate = gate_up[:inter]
+        self.ops.mlp_silu_mul_inplaced(gate, gate_up[inter:])
+        x.addmm_(gate.t(), lw["w_down"].t())
 
     # -- steps -----------------------------------------------------------------------------
 
@@ -142,7 +183,8 @@ class VortaLlama:
     def forward(self, tokens: torch.Tensor) -> torch.Tensor:
         """tokens [b, L] at positions pos..pos+L-1 (L > 1 only for the prompt, at pos 0).
 
-        Returns the float32 logits of the last position, [b, vocab]."""
+        Returns the float32 logits of the last position, [b, vocab]: for a float32 model a
+        buffer that the next call overwrites."""
         b, L = tokens.shape
         if b != self.batch:
             raise ValueError(f"batch {b}, model built for {self.batch}")
@@ -150,16 +192,23 @@ class VortaLlama:
             raise ValueError("a multi-token step is only supported as the prompt (position 0)")
         if self.pos + L > self.max_len:
             raise ValueError(f"sequence would exceed max_len={self.max_len}")
-        c, ops = self.cfg, self.ops
-        x = self.embed[tokens.reshape(-1)]            # [b * L, hidden]
+        logits = self._step(tokens)
+        self.pos += L
+        return logits
+
+    def _step(self, tokens: torch.Tensor) -> torch.Tensor:
+        """The layers over tokens [b, L] at positions pos..pos+L-1, without the bookkeeping."""
+        b, L = tokens.shape
+        c, ops, work = self.cfg, self.ops, self._buffers(b * L)
+        x = torch.index_select(self.embed, 0, tokens.reshape(-1), out=work.x)   # [b * L, hidden]
         for i, lw in enumerate(self.layers):
             h = ops.rms_norm(lw["attn_norm"], x, c.rms_eps)
-            x += F.linear(self._attention(i, h, b, L), lw["wo"])
+            x.addmm_(self._attention(i, h, b, L), lw["wo"].t())
             h = ops.rms_norm(lw["ffn_norm"], x, c.rms_eps)
-            x += self._mlp(i, h)
-        self.pos += L
+            self._mlp(i, h, x)
         last = x.view(b, L, -1)[:, -1].contiguous()
-        return F.linear(ops.rms_norm(self.norm, last, c.rms_eps), self.lm_head).float()
+        logits = torch.mm(ops.rms_norm(self.norm, last, c.rms_eps), self.lm_head.t(), out=work.logits)
+        return logits.float()
 
     def penalize(self, scores: torch.Tensor, history: torch.Tensor, penalty: float) -> torch.Tensor:
         """Repetition penalty in place on scores [b, vocab] (model dtype) from history [b, n]."""

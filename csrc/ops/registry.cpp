@@ -1,35 +1,23 @@
-// The module and its operator table, in registration order.
+// The Python module: the operators of operators.h in their order, each with
+// its docstring, plus the private hooks of the package and the test suite.
 #include <torch/extension.h>
 
 #include "cpu/decode.h"
 #include "ops/backends.h"
 #include "ops/device.h"
+#include "ops/operators.h"
 #include "ops/ops.h"
+#include "ops/sdp/api.h"
 
-PYBIND11_MODULE(vorta_addons, m) {
+PYBIND11_MODULE(_C, m) {
   using namespace vorta;
-  m.def("sdp", &sdp, "sdp");
-  m.def("sdp_fp8", &sdp_fp8, "fp8 sdp");
-  m.def("sdp_causal", &sdp_causal, "sdp causal");
-  m.def("sdp_fp8_causal", &sdp_fp8_causal, "sdp fp8 causal");
-  m.def("sdp_non_causal", &sdp_non_causal, "sdp non causal");
-  m.def("sdp_fp8_non_causal", &sdp_fp8_non_causal, "sdp fp8 non causal");
-  m.def("siglip_sdp_non_causal", &siglip_sdp_non_causal, "siglip sdp non causal");
-  m.def("gemma2_sdp", &gemma2_sdp, "gemma2 sdp");
-  m.def("gemma2_sdp_causal", &gemma2_sdp_causal, "gemma2 sdp causal");
-  m.def("rms_norm", &rms_norm, "fused rms norm");
-  m.def("layer_norm", &layer_norm, "fused layer norm");
-  m.def("rotary_half_inplaced", &rotary_half_inplaced, "rotary half inplaced");
-  m.def("rotary_two_inplaced", &rotary_two_inplaced, "rotary two inplaced");
-  m.def("rotary_half_with_cache_inplaced", &rotary_half_with_cache_inplaced, "rotary half with cache inplaced");
-  m.def("rotary_two_with_cache_inplaced", &rotary_two_with_cache_inplaced, "rotary two with cache inplaced");
-  m.def("mlp_silu_mul_inplaced", &mlp_silu_mul_inplaced, "mlp silu_mul inplaced");
-  m.def("quantize_key_value", &quantize_key_value, "quantize key value");
-  m.def("dequantize_key_value", &dequantize_key_value, "dequantize key value");
-  m.def("repetition_penalty_logits_process_inplaced", &repetition_penalty_logits_process_inplaced, "repetition penalty logits process");
-  m.def("attn_softmax_inplaced", &attn_softmax_inplaced, "attention softmax inplaced");
-  m.def("moe_group_topk", &moe_group_topk, "moe group topk");
-  m.def("moe_softmax_topk", &moe_softmax_topk, "moe softmax topk");
+#define VORTA_DEF(name, doc, schema) m.def(#name, &name, doc);
+  VORTA_OPERATORS(VORTA_DEF)
+#undef VORTA_DEF
+  m.attr("__version__") = VORTA_VERSION;
+
+  // The prefill path a device takes, for the fake implementations of the package.
+  m.def("_prefill_uses_matrix_engine", &prefill::use_matrix_engine);
 
   // Private hooks for the test suite; not part of the API.
   auto testing = m.def_submodule("_testing");

@@ -52,9 +52,8 @@ void prepare_mask(std::optional<at::Tensor>& mask, const at::Tensor& query,
   mask = mask->expand({bsz, num_heads, seq_length, padded_kv});
 }
 
-bool use_matrix_engine(const at::Tensor& query) {
-  const int64_t head_dim = query.size(3);
-  return has_matrix_engine(get_device_family(query.device())) &&
+bool use_matrix_engine(const c10::Device& device, int64_t head_dim) {
+  return has_matrix_engine(get_device_family(device)) &&
          head_sizes::MatrixEngine::contains(head_dim);
 }
 
@@ -64,7 +63,8 @@ namespace {
 // suits it; the vector path takes everything else and refuses what it lacks.
 at::Tensor route(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
                  const at::Tensor& mask, float scale, bool fp8, bool causal) {
-  if (use_matrix_engine(query)) return matrix_prefill(query, key, value, mask, scale, fp8, causal);
+  if (use_matrix_engine(query.device(), query.size(3)))
+    return matrix_prefill(query, key, value, mask, scale, fp8, causal);
   return vector_prefill(query, key, value, mask, scale, fp8, causal);
 }
 

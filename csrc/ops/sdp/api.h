@@ -31,8 +31,8 @@ at::Tensor checked_mask(const at::Tensor& query, const at::Tensor& key, const at
   return mask ? *mask : at::Tensor();
 }
 
-// True when the query's device family has a matrix engine and its head_dim is 64, 80 or 128.
-bool use_matrix_engine(const at::Tensor& query);
+// True when the device's family has a matrix engine and head_dim is one it takes (64, 80, 128).
+bool use_matrix_engine(const c10::Device& device, int64_t head_dim);
 
 // The prefill paths; mask as prepared above, or undefined for none.
 at::Tensor vector_prefill(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
