@@ -305,3 +305,16 @@ def _fatal_run(index):
 @pytest.mark.parametrize("index", range(len(FATAL)), ids=[e for _, _, e in FATAL])
 def test_fatal_checks(index):
     _fatal_run(index).result()
+
+
+@pytest.mark.parametrize("kernel_family", [OTHER, KESTREL], ids=["single-pass", "two-pass"])
+def test_a_head_masked_with_the_float32_minimum_averages_its_values(kernel_family, family, device):
+    # The float32 minimum swamps every score, so all keys tie: the head's result is the
+    # mean of its values (a scaling of the scores that overflowed would empty it instead).
+    family(kernel_family)
+    q, k, v, m = make_inputs(torch.float32, 1, 12, 4, 1, 300, 128, "head", False, device=device)
+    m[0, 5] = torch.finfo(torch.float32).min
+    out = vorta_addons.sdp(q, k, v, m, 1.0)
+    assert_accurate(out, q, k, v, m, 1 / math.sqrt(128))
+    mean = v[0, 5 // 3].double().mean(0)
+    assert torch.allclose(out[0, 5, 0].double(), mean, atol=1e-6)

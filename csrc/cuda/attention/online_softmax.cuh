@@ -1,6 +1,7 @@
 // The running-maximum step of the online softmax, shared by the attention kernels.
 #pragma once
 
+#include <cfloat>
 #include <cmath>
 
 #include "cuda/common/mma.cuh"
@@ -8,6 +9,15 @@
 namespace vorta::cuda::attn {
 
 inline constexpr float kLog2e = 1.4426950408889634f;
+
+// Adds a mask value (natural units) to a base-2 score. A finite mask that
+// overflows in base 2 (the float32 minimum, the usual "masked" value) stays
+// the most negative finite score, as it is in natural units: a row masked
+// that way everywhere still averages its values, where -inf would empty it.
+__device__ __forceinline__ float add_mask(float score, float mask) {
+  const float x = fmaf(mask, kLog2e, score);
+  return x == -INFINITY && mask != -INFINITY ? -FLT_MAX : x;
+}
 
 // Folds a tile's maximum score `tile_max` (base-2 units) into the running
 // maximum m. Returns the factor 2^(old m - new m) for the sums kept so far

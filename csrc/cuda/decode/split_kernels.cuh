@@ -83,7 +83,7 @@ template <typename T>
 __device__ __forceinline__ float score(float dot, const T* mask_row, int key, int key_end, float scale_log2) {
   if (key >= key_end) return kNegInf;
   float s = dot * scale_log2;
-  if (mask_row) s = fmaf(attn::load_float(mask_row + key), kLog2e, s);
+  if (mask_row) s = attn::add_mask(s, attn::load_float(mask_row + key));
   return s;
 }
 

@@ -259,8 +259,8 @@ __global__ void __launch_bounds__(kThreads) mma_prefill_kernel(const KernelArgs<
                 const float2 mv = __half22float2(*reinterpret_cast<const __half2*>(mr + key));
                 x0 = fmaf(mv.x, kLog2e, x0), x1 = fmaf(mv.y, kLog2e, x1);
               } else {
-                if (key < kv_len) x0 = fmaf(attn::load_float(mr + key), kLog2e, x0);
-                if (key + 1 < kv_len) x1 = fmaf(attn::load_float(mr + key + 1), kLog2e, x1);
+                if (key < kv_len) x0 = attn::add_mask(x0, attn::load_float(mr + key));
+                if (key + 1 < kv_len) x1 = attn::add_mask(x1, attn::load_float(mr + key + 1));
               }
             }
           }
@@ -485,7 +485,7 @@ __global__ void __launch_bounds__(kThreads, 2) simt_prefill_kernel(const KernelA
         if (k >= kv_len || (p.causal && k > r)) {
           x = -INFINITY;
         } else if (mrow[i]) {
-          x = fmaf(__ldg(mrow[i] + k), kLog2e, x);
+          x = attn::add_mask(x, __ldg(mrow[i] + k));
         }
         s[i][jj] = x;
         mx = fmaxf(mx, x);
