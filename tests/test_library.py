@@ -207,7 +207,8 @@ def test_cuda_graphs_replay_the_eager_decode(kv_cache):
 
 # pybind11 shows the numbers it converts by the protocols it accepts.
 PYBIND_NUMBERS = {"typing.SupportsFloat | typing.SupportsIndex": "float",
-                  "typing.SupportsInt | typing.SupportsIndex": "int"}
+                  "typing.SupportsInt | typing.SupportsIndex": "int",
+                  "typing.SupportsFloat": "float", "typing.SupportsInt": "int"}  # newer pybind11
 
 
 def stub_functions():

@@ -23,6 +23,8 @@ from vorta_llm.moe import MoEWeights, moe_mlp  # noqa: E402
 from vorta_llm.reference import ReferenceLlama, fake_quant_key, fake_quant_value, reference_moe  # noqa: E402
 from vorta_llm.weights import _unpermute, random_weights  # noqa: E402
 
+# The decoder calls every group's operators; on CUDA it runs where all of them have kernels.
+GROUP = ("norm", "elementwise", "rotary", "kv_cache", "moe", "decode", "prefill")
 TINY = LlamaConfig(vocab_size=320, hidden_size=128, intermediate_size=256, num_layers=2,
                    num_heads=4, num_kv_heads=2, head_dim=64, max_position=64)
 
