@@ -200,5 +200,10 @@ template <class T>
 T __ldg(const T* p) {
   return *emu::aligned_cast<const T>(p);
 }
+// Stores with a cache hint: the hint is moot here, the alignment is checked.
+template <class T>
+void __stwb(T* p, T v) {
+  *emu::aligned_cast<T>(p) = v;
+}
 inline float __uint_as_float(unsigned u) { return emu::from_bits<float>(u); }
 inline unsigned __float_as_uint(float f) { return unsigned(emu::to_bits(f)); }
