@@ -303,6 +303,7 @@ int check_attention(const std::string& only) {
         {1, 4, 2, 1, 0, 64, 64, false, false, false, false},     // no keys: zero rows
         {1, 4, 1, 2, 77, 64, 64, true, false, true, true},       // byte loads
         {1, 4, 1, 1, 4097, 128, 128, true, false, false, false}, // 32 splits, a 1-key tail
+        {1, 4, 1, 1, 6383, 64, 64, false, false, false, false},  // 50 splits: the combine takes 32, then 18
         {2, 16, 2, 1, 257, 128, 128, false, false, true, false}, // group 8
         {1, 16, 1, 1, 100, 64, 64, true, true, false, false},    // group 16: two row chunks
         {3, 4, 4, 1, 128, 80, 80, true, false, false, false},

@@ -34,17 +34,25 @@ __global__ void __launch_bounds__(kCombineWarps * 32) combine_kernel(const Combi
 #pragma unroll
   for (int off = 1; off < 32; off *= 2) mx = fmaxf(mx, __shfl_xor_sync(0xffffffffu, mx, off));
   const float ref = mx == -INFINITY ? 0.0f : mx;
+  // Lane j weighs split base + j, so the statistics cost one load per lane
+  // instead of a chain of dependent loads per split; the rows are then summed
+  // in split order (the same arithmetic as one split at a time), their loads
+  // free of any dependence so that several splits' rows are in flight at once.
   float sum = 0.0f, acc[kMaxValuePerLane] = {};
-#pragma unroll 2
-  for (int i = 0; i < a.nsplit; ++i) {
+  for (int base = 0; base < a.nsplit; base += 32) {
+    const int mine = base + lane, n = min(32, a.nsplit - base);
     // An empty split has l = 0 and m = -inf: weight 0 * 0.
-    const float w = __ldg(st + 2 * i + 1) * fast_exp2(__ldg(st + 2 * i) - ref);
-    sum += w;
-    const P* r = part + int64_t(i) * a.value_head_dim;
+    const float w_lane = mine < a.nsplit ? __ldg(st + 2 * mine + 1) * fast_exp2(__ldg(st + 2 * mine) - ref) : 0.0f;
+#pragma unroll 4
+    for (int j = 0; j < n; ++j) {
+      const float w = __shfl_sync(0xffffffffu, w_lane, j);
+      sum += w;
+      const P* r = part + int64_t(base + j) * a.value_head_dim;
 #pragma unroll
-    for (int u = 0; u < kMaxValuePerLane; ++u) {
-      const int d = lane + 32 * u;
-      if (d < a.value_head_dim) acc[u] = fmaf(w, attn::load_float(r + d), acc[u]);
+      for (int u = 0; u < kMaxValuePerLane; ++u) {
+        const int d = lane + 32 * u;
+        if (d < a.value_head_dim) acc[u] = fmaf(w, attn::load_float(r + d), acc[u]);
+      }
     }
   }
   const float inv = sum > 0.0f ? 1.0f / sum : 0.0f;
