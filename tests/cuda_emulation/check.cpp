@@ -312,7 +312,7 @@ int main(int argc, char** argv) {
   using vorta::CachePairs;
   if (on("norm"))
     for (int64_t rows : {1, 7})
-      for (int64_t hidden : {32, 992, 1056, 8192})
+      for (int64_t hidden : {32, 992, 1056, 4096, 4128, 8192})
         for (int off : {0, 1}) norms<float>(rows, hidden, off), norms<vorta::half>(rows, hidden, off);
   if (on("silu"))
     for (int64_t blocks : {1, 7, 83})

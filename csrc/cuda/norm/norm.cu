@@ -17,7 +17,12 @@ namespace {
 
 constexpr int kBlock = 32;   // elements per block
 constexpr int kRuns = 32;    // runs per row
-constexpr int kMaxPerRun = 8;  // blocks per run at the widest row, 8192
+// Blocks per run: at most 8 (rows up to 8192). The row is held in registers
+// for kMax blocks per run, so rows up to 4096 take kernels built for 4: the
+// registers of the four unused chunks would otherwise cost a resident block
+// per SM (fp16 layer norm held 95 registers, five 128-thread blocks).
+constexpr int kMaxPerRun = 8;
+constexpr int kShortRun = 4;
 
 template <typename T>
 struct RowLayout {
@@ -45,10 +50,10 @@ __device__ __forceinline__ float fold_run(float (&acc)[RowLayout<T>::kV]) {
 }
 
 // The row's cached chunks and its mean of f(x), every thread getting the mean.
-template <typename T>
+template <typename T, int kMax>
 struct Row {
   static constexpr int kV = RowLayout<T>::kV;
-  Chunk<T> x[kMaxPerRun];
+  Chunk<T> x[kMax];
   int first = 0, count = 0;  // this run's blocks
   int column = 0;            // this thread's first column within a block
 
@@ -58,7 +63,7 @@ struct Row {
 #pragma unroll
     for (int j = 0; j < kV; ++j) acc[j] = 0.0f;
 #pragma unroll
-    for (int k = 0; k < kMaxPerRun; ++k)
+    for (int k = 0; k < kMax; ++k)
       if (k < count)
 #pragma unroll
         for (int j = 0; j < kV; ++j) acc[j] = acc[j] + f(widen(x[k].v[j]));
@@ -69,25 +74,25 @@ struct Row {
   }
 };
 
-template <typename T>
-__device__ __forceinline__ Row<T> load_row(const T* in, int64_t hidden, bool vector) {
-  Row<T> r;
+template <typename T, int kMax>
+__device__ __forceinline__ Row<T, kMax> load_row(const T* in, int64_t hidden, bool vector) {
+  Row<T, kMax> r;
   const int run = threadIdx.x / RowLayout<T>::kGroup;
   const int blocks = int(hidden / kBlock), per_run = blocks / kRuns, extra = blocks % kRuns;
   r.first = run * per_run + min(run, extra);
   r.count = per_run + (run < extra ? 1 : 0);
-  r.column = (threadIdx.x % RowLayout<T>::kGroup) * Row<T>::kV;
+  r.column = (threadIdx.x % RowLayout<T>::kGroup) * RowLayout<T>::kV;
 #pragma unroll
-  for (int k = 0; k < kMaxPerRun; ++k)
+  for (int k = 0; k < kMax; ++k)
     if (k < r.count) r.x[k] = load_chunk(in + (r.first + k) * kBlock + r.column, vector);
   return r;
 }
 
 // Writes f(x chunk, its column, y chunk) for the row's cached chunks.
-template <typename T, typename F>
-__device__ __forceinline__ void store_row(const Row<T>& r, T* out, bool vector, F f) {
+template <typename T, int kMax, typename F>
+__device__ __forceinline__ void store_row(const Row<T, kMax>& r, T* out, bool vector, F f) {
 #pragma unroll
-  for (int k = 0; k < kMaxPerRun; ++k) {
+  for (int k = 0; k < kMax; ++k) {
     if (k < r.count) {
       const int64_t at = (r.first + k) * kBlock + r.column;
       Chunk<T> y;
@@ -97,12 +102,12 @@ __device__ __forceinline__ void store_row(const Row<T>& r, T* out, bool vector, 
   }
 }
 
-template <typename T>
+template <typename T, int kMax>
 __global__ void __launch_bounds__(RowLayout<T>::kThreads)
     rms_norm_kernel(NormParams<T> p, bool vector) {
   __shared__ float partial[kRuns];
   const int64_t offset = int64_t(blockIdx.x) * p.hidden;
-  const Row<T> r = load_row(p.input + offset, p.hidden, vector);
+  const Row<T, kMax> r = load_row<T, kMax>(p.input + offset, p.hidden, vector);
   const float ms = r.mean(p.hidden, partial, [](float x) { return x * x; });
   const float s = 1.0f / sqrtf(ms + p.eps);
   store_row(r, p.output + offset, vector, [&](const Chunk<T>& x, int64_t at, Chunk<T>& y) {
@@ -113,12 +118,12 @@ __global__ void __launch_bounds__(RowLayout<T>::kThreads)
   });
 }
 
-template <typename T>
+template <typename T, int kMax>
 __global__ void __launch_bounds__(RowLayout<T>::kThreads)
     layer_norm_kernel(NormParams<T> p, bool vector) {
   __shared__ float partial[2][kRuns];
   const int64_t offset = int64_t(blockIdx.x) * p.hidden;
-  const Row<T> r = load_row(p.input + offset, p.hidden, vector);
+  const Row<T, kMax> r = load_row<T, kMax>(p.input + offset, p.hidden, vector);
   const float m = r.mean(p.hidden, partial[0], [](float x) { return x; });
   const float var = r.mean(p.hidden, partial[1], [m](float x) { return (x - m) * (x - m); });
   const float s = 1.0f / sqrtf(var + p.eps);
@@ -148,13 +153,16 @@ bool vector_ok(const NormParams<T>& p) {
   return aligned16(p.input) && aligned16(p.output) && aligned16(p.weight) && aligned16(p.bias);
 }
 
+bool short_rows(int64_t hidden) { return hidden <= int64_t(kBlock) * kRuns * kShortRun; }
+
 }  // namespace
 
 template <typename T>
 cudaError_t rms_norm(const NormParams<T>& p, cudaStream_t stream) {
   if (!valid(p)) return cudaErrorInvalidValue;
   if (p.rows == 0) return cudaSuccess;
-  rms_norm_kernel<T><<<unsigned(p.rows), RowLayout<T>::kThreads, 0, stream>>>(p, vector_ok(p));
+  auto* kernel = short_rows(p.hidden) ? rms_norm_kernel<T, kShortRun> : rms_norm_kernel<T, kMaxPerRun>;
+  kernel<<<unsigned(p.rows), RowLayout<T>::kThreads, 0, stream>>>(p, vector_ok(p));
   return launch_status();
 }
 
@@ -162,7 +170,8 @@ template <typename T>
 cudaError_t layer_norm(const NormParams<T>& p, cudaStream_t stream) {
   if (!valid(p)) return cudaErrorInvalidValue;
   if (p.rows == 0) return cudaSuccess;
-  layer_norm_kernel<T><<<unsigned(p.rows), RowLayout<T>::kThreads, 0, stream>>>(p, vector_ok(p));
+  auto* kernel = short_rows(p.hidden) ? layer_norm_kernel<T, kShortRun> : layer_norm_kernel<T, kMaxPerRun>;
+  kernel<<<unsigned(p.rows), RowLayout<T>::kThreads, 0, stream>>>(p, vector_ok(p));
   return launch_status();
 }
 
