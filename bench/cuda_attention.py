@@ -11,7 +11,9 @@ Prefill (4 x 32 heads x 4096 tokens, head 128 and 64, causal and not):
 sdp_causal / sdp_non_causal in TFLOP/s beside torch's flash-attention backend.
 
 Times are medians of CUDA-event intervals after warm-up; decode calls are
-captured in a CUDA graph (one call per operand set) and timed as replays. Rows go to
+captured in a CUDA graph (one call per operand set) and timed as replays, as
+engines run decode; the same calls launched back to back from Python are
+recorded beside them (eager_us: the host's launch cost included). Rows go to
 $VORTA_BENCH_RESULTS_DIR (else bench/results/) as attention-<gpu>-<date>.json;
 a table is printed last.
 """
@@ -42,6 +44,11 @@ def graph_ms(calls):
     return cuda_graph_median(calls) * 1e3
 
 
+def eager_ms(calls):
+    """Per-call milliseconds of the given calls launched back to back from the host."""
+    return event_ms(lambda: [call() for call in calls]) / len(calls)
+
+
 def operand_sets(make, nbytes):
     """Enough independent operand sets that cycling through them defeats L2."""
     return [make() for _ in range(max(1, math.ceil(L2_ROTATION_BYTES / nbytes)))]
@@ -59,20 +66,25 @@ def decode_rows(heads=32, kv_heads=8, kv_len=4096, d=128):
         copies = operand_sets(lambda: [torch.empty(kv_bytes, device="cuda", dtype=torch.uint8) for _ in range(2)],
                               2 * kv_bytes)
         scale = d ** -0.5
-        t_sdp = graph_ms([lambda k=k, v=v: vorta_addons.sdp(q, k, v, None, scale) for k, v in half])
-        t_fp8 = graph_ms([lambda k=k, v=v: vorta_addons.sdp_fp8(q, k, v, None, scale) for k, v in codes])
-        t_sdpa = graph_ms([lambda k=k, v=v: F.scaled_dot_product_attention(q, k, v, enable_gqa=True)
-                           for k, v in half])
-        t_copy = graph_ms([lambda a=a, b=b: b.copy_(a) for a, b in copies])
+        calls = {
+            "sdp": [lambda k=k, v=v: vorta_addons.sdp(q, k, v, None, scale) for k, v in half],
+            "sdp_fp8": [lambda k=k, v=v: vorta_addons.sdp_fp8(q, k, v, None, scale) for k, v in codes],
+            "sdpa": [lambda k=k, v=v: F.scaled_dot_product_attention(q, k, v, enable_gqa=True) for k, v in half],
+            "copy": [lambda a=a, b=b: b.copy_(a) for a, b in copies],
+        }
+        t_sdp, t_fp8, t_sdpa, t_copy = (graph_ms(calls[n]) for n in ("sdp", "sdp_fp8", "sdpa", "copy"))
+        eager = {n: 1e3 * eager_ms(c) for n, c in calls.items()}
         copy_gbs = 2 * kv_bytes / t_copy / 1e6
         yield {"op": "sdp (decode)", "shape": f"b{bsz} h{heads}/{kv_heads} L{kv_len} d{d}", "dtype": "fp16",
                "ours_us": 1e3 * t_sdp, "sdpa_us": 1e3 * t_sdpa, "copy_us": 1e3 * t_copy,
                "GB/s": kv_bytes / t_sdp / 1e6, "copy GB/s": copy_gbs,
-               "of_copy": kv_bytes / t_sdp / 1e6 / copy_gbs, "vs_sdpa": t_sdpa / t_sdp}
+               "of_copy": kv_bytes / t_sdp / 1e6 / copy_gbs, "vs_sdpa": t_sdpa / t_sdp,
+               "eager_us": {n: eager[n] for n in ("sdp", "sdpa", "copy")}}
         yield {"op": "sdp_fp8 (decode)", "shape": f"b{bsz} h{heads}/{kv_heads} L{kv_len} d{d}", "dtype": "fp16/u8",
                "ours_us": 1e3 * t_fp8, "sdp_fp16_us": 1e3 * t_sdp,
                "GB/s": kv_bytes / 2 / t_fp8 / 1e6, "copy GB/s": copy_gbs,
-               "of_copy": kv_bytes / 2 / t_fp8 / 1e6 / copy_gbs, "vs_sdp_fp16": t_sdp / t_fp8}
+               "of_copy": kv_bytes / 2 / t_fp8 / 1e6 / copy_gbs, "vs_sdp_fp16": t_sdp / t_fp8,
+               "eager_us": {n: eager[n] for n in ("sdp_fp8", "sdp")}}
         del half, codes, copies
         torch.cuda.empty_cache()
 
@@ -109,7 +121,9 @@ def fmt(row):
     main = (f"{row['GB/s']:8.0f} GB/s ({100 * row['of_copy']:5.1f}% of copy)" if "GB/s" in row
             else f"{row['TFLOP/s']:8.1f} TFLOP/s")
     ratio = ", ".join(f"{k} {v:.2f}x" for k, v in row.items() if k.startswith("vs_"))
-    return f"{row['op']:<18} {row['shape']:<24} {row['dtype']:<8} {row['ours_us']:10.1f} us {main}  {ratio}"
+    eager = ("  eager: " + ", ".join(f"{n} {us:.1f} us" for n, us in row["eager_us"].items())
+             if "eager_us" in row else "")
+    return f"{row['op']:<18} {row['shape']:<24} {row['dtype']:<8} {row['ours_us']:10.1f} us {main}  {ratio}{eager}"
 
 
 def main(argv):
