@@ -7,7 +7,8 @@ STAMP := $(VENV)/.installed
 TORCH_VERSION := 2.13.0
 JOBS ?= $(shell nproc)
 
-.PHONY: all build test test-cpp test-py bench demo clean build-cuda test-cuda-build test-cuda-emulated
+.PHONY: all build test test-cpp test-py test-generic test-x86-baseline test-aarch64 bench demo clean build-cuda \
+  test-cuda-build test-cuda-emulated
 
 all: build
 
@@ -29,12 +30,46 @@ build: $(STAMP)
 
 test: test-cpp test-py
 
+# ctest in build dir $(1): its summary, every line of a failure, and its status.
+ctest = ctest --test-dir $(1) --output-on-failure -j $(JOBS) >$(1)/ctest.log; rc=$$?; \
+  if [ $$rc = 0 ]; then tail -n 3 $(1)/ctest.log; else cat $(1)/ctest.log; fi; exit $$rc
+
 test-cpp: build
-	@if [ -f $(BUILD)/CTestTestfile.cmake ]; then ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS) | tail -n 3; \
+	@if [ -f $(BUILD)/CTestTestfile.cmake ]; then $(call ctest,$(BUILD)); \
 	  else echo "C++ unit tests not built (GoogleTest missing)"; fi
 
 test-py: build
 	PYTHONPATH=$(BUILD) $(PY) -m pytest -q tests
+
+# The same tests on the generic CPU kernels (no AVX2/FMA/F16C) of the same
+# build: VORTA_CPU_ISA forces the kernels the CPU would otherwise choose.
+test-generic: build
+	VORTA_CPU_ISA=generic $(MAKE) --no-print-directory test-cpp test-py
+
+# The C++ unit tests on an emulated x86-64 CPU without AVX (Westmere): the
+# kernels it dispatches to may not use a single AVX instruction. The vector
+# layer's own tests are built for AVX2 and left out.
+test-x86-baseline: build
+	@command -v qemu-x86_64 >/dev/null || { apt-get update -qq && apt-get install -y -qq qemu-user >/dev/null; }
+	qemu-x86_64 -cpu Westmere $(BUILD)/vorta_unit_tests --gtest_brief=1 --gtest_filter='-Simd*:Exp2*:Numeric*'
+
+# The torch-free kernels and their C++ unit tests cross-compiled for aarch64
+# (Debian's cross compiler, GoogleTest built from its sources) and run under
+# qemu-user.
+AARCH64_BUILD := build-aarch64
+AARCH64_SYSROOT := /usr/aarch64-linux-gnu
+test-aarch64:
+	@command -v aarch64-linux-gnu-g++ >/dev/null && command -v qemu-aarch64 >/dev/null && \
+	  test -f /usr/src/googletest/CMakeLists.txt || { apt-get update -qq && \
+	  apt-get install -y -qq g++-aarch64-linux-gnu qemu-user googletest >/dev/null; }
+	@flock .build-aarch64.lock sh -c '\
+	  test -f $(AARCH64_BUILD)/CMakeCache.txt || cmake -S . -B $(AARCH64_BUILD) -DVORTA_KERNELS_ONLY=ON \
+	    -DCMAKE_SYSTEM_NAME=Linux -DCMAKE_SYSTEM_PROCESSOR=aarch64 \
+	    -DCMAKE_C_COMPILER=aarch64-linux-gnu-gcc -DCMAKE_CXX_COMPILER=aarch64-linux-gnu-g++ \
+	    "-DCMAKE_CROSSCOMPILING_EMULATOR=qemu-aarch64;-L;$(AARCH64_SYSROOT)" \
+	    -DVORTA_GTEST_SOURCE=/usr/src/googletest >/dev/null; \
+	  cmake --build $(AARCH64_BUILD) -j $(JOBS)'
+	@$(call ctest,$(AARCH64_BUILD))
 
 BENCH_STAMP := $(VENV)/.bench-installed
 
@@ -93,4 +128,4 @@ test-cuda-emulated: build
 	tests/cuda_emulation/run $(BUILD) $(CUDA_EMULATE)
 
 clean:
-	rm -rf $(BUILD) $(CUDA_BUILD) .build.lock .build-cuda.lock
+	rm -rf $(BUILD) $(CUDA_BUILD) $(AARCH64_BUILD) .build.lock .build-cuda.lock .build-aarch64.lock

@@ -3,14 +3,17 @@
 // codes. The query heads that share a key/value head are served together, so
 // every cache row is read once per call (per 64 query rows), whatever the
 // group size. Head sizes are multiples of 8.
-#pragma once
+// Declarations only, without an include guard: cpu/dispatch.cpp includes it
+// once per instruction-set build.
 
 #include <cstddef>
 #include <cstdint>
 
 #include "common/params/attention.h"
+#include "cpu/isa.h"
 
 namespace vorta::cpu {
+VORTA_ISA_BEGIN
 
 // The bytes of workspace decode_attention needs for `in`.
 template <typename T, typename C>
@@ -36,4 +39,5 @@ void combine_attention_blocks(const DecodeBlocks<T>& blocks, const DecodeOutput<
 // has them; on by default. Off lets tests run the 8-lane forms on any CPU.
 void allow_wide_decode(bool allow);
 
+VORTA_ISA_END
 }  // namespace vorta::cpu

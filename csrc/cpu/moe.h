@@ -1,10 +1,13 @@
 // Expert selection for mixture-of-experts layers on the CPU
 // (common/params/moe.h).
-#pragma once
+// Declarations only, without an include guard: cpu/dispatch.cpp includes it
+// once per instruction-set build.
 
 #include "common/params/moe.h"
+#include "cpu/isa.h"
 
 namespace vorta::cpu {
+VORTA_ISA_BEGIN
 
 // n_experts <= 256 and a multiple of 8; top_k <= 32.
 template <typename T>  // float, half
@@ -14,4 +17,5 @@ void moe_softmax_topk(const MoeSoftmaxParams<T>& p);
 template <typename T>  // float, half
 void moe_group_topk(const MoeGroupParams<T>& p);
 
+VORTA_ISA_END
 }  // namespace vorta::cpu

@@ -1,13 +1,16 @@
 // Prefill attention on the CPU (common/params/attention.h): one launch per
 // operator call, working copies included.
-#pragma once
+// Declarations only, without an include guard: cpu/dispatch.cpp includes it
+// once per instruction-set build.
 
 #include <cstddef>
 #include <cstdint>
 
 #include "common/params/attention.h"
+#include "cpu/isa.h"
 
 namespace vorta::cpu {
+VORTA_ISA_BEGIN
 
 // The bytes of workspace prefill_attention needs for p: its key tiles and,
 // where the caller's values cannot be read as they are, its value rows.
@@ -18,4 +21,5 @@ size_t prefill_workspace_bytes(const PrefillParams<T, C>& p);
 template <typename T, typename C>
 void prefill_attention(const PrefillParams<T, C>& p, void* workspace);
 
+VORTA_ISA_END
 }  // namespace vorta::cpu

@@ -34,12 +34,8 @@ DeviceInfo cpu_info() {
       }
     return std::string("cpu");
   }();
-  // Float lanes of the vector unit the CPU kernels are built for.
-#if defined(__AVX2__)
+  // Float lanes of the CPU kernels' vectors: eight in every build (cpu/isa.h).
   return {name, 8, 0};
-#else
-  return {name, 4, 0};
-#endif
 }
 
 DeviceInfo query(const c10::Device& device) {

@@ -3,6 +3,7 @@
 #include <torch/extension.h>
 
 #include "cpu/decode.h"
+#include "cpu/isa.h"
 #include "ops/backends.h"
 #include "ops/device.h"
 #include "ops/operators.h"
@@ -34,6 +35,8 @@ PYBIND11_MODULE(_C, m) {
                                       : std::nullopt);
   });
   testing.def("allow_wide_decode", &cpu::allow_wide_decode);
+  // The CPU kernels' instruction set: generic, avx2 or avx512 (VORTA_CPU_ISA).
+  testing.def("cpu_isa", [] { return std::string(cpu::isa_name(cpu::active_isa())); });
   // The operator groups each backend of this build has kernels for.
   testing.def("backends", [] {
     const std::vector<std::pair<const char*, bool>> groups = {

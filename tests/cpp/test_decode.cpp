@@ -32,8 +32,14 @@ struct Case {
     q.resize(group * d), mask.resize(group * kv_len), k.resize(kv_len * d), v.resize(kv_len * d);
     for (T& x : q) x = vorta::from_float<T>(n(gen));
     for (T& x : mask) x = vorta::from_float<T>(n(gen) < -1.5f ? -10000.0f : 0.5f * n(gen));
-    for (C& x : k) x = element(n(gen), byte(gen));
-    for (C& x : v) x = element(n(gen), byte(gen));
+    // One draw after the other: the order of a call's arguments differs
+    // between compilers for x86-64 and aarch64.
+    auto draw = [&] {
+      const int b = byte(gen);
+      return element(n(gen), b);
+    };
+    for (C& x : k) x = draw();
+    for (C& x : v) x = draw();
   }
 
   static C element(float x, int b) {

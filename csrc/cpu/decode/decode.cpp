@@ -7,8 +7,10 @@
 #include "cpu/decode/row_tile.h"
 #include "cpu/decode/split.h"
 #include "cpu/parallel.h"
+#include "cpu/isa.h"
 
 namespace vorta::cpu {
+VORTA_ISA_BEGIN
 
 using decode::grain;
 using decode::kBlock;
@@ -132,4 +134,5 @@ template void combine_attention_blocks<float>(const DecodeBlocks<float>&, const 
 template void combine_attention_blocks<half>(const DecodeBlocks<half>&, const DecodeOutput<half>&, int64_t,
                                              int64_t, int64_t);
 
+VORTA_ISA_END
 }  // namespace vorta::cpu

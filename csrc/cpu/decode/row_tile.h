@@ -19,8 +19,11 @@
 #include "cpu/decode/tiles_avx512.h"
 #include "cpu/simd/exp.h"
 #include "cpu/simd/vec8.h"
+#include "cpu/isa.h"
 
-namespace vorta::cpu::decode {
+namespace vorta::cpu {
+VORTA_ISA_BEGIN
+namespace decode {
 
 inline constexpr float kNegInf = -std::numeric_limits<float>::infinity();
 
@@ -166,4 +169,6 @@ class RowTile {
   int64_t n_ = 0;
 };
 
-}  // namespace vorta::cpu::decode
+}  // namespace decode
+VORTA_ISA_END
+}  // namespace vorta::cpu

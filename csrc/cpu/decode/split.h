@@ -10,8 +10,11 @@
 
 #include "cpu/decode/tile.h"
 #include "cpu/simd/vec8.h"
+#include "cpu/isa.h"
 
-namespace vorta::cpu::decode {
+namespace vorta::cpu {
+VORTA_ISA_BEGIN
+namespace decode {
 
 inline constexpr int64_t kTargetUnits = 64;    // work items per call: balances any common thread count
 inline constexpr int64_t kMinChunkKeys = 256;  // shortest key range worth a work item of its own
@@ -81,4 +84,6 @@ void combine_row(int64_t parts, const float* stats, int64_t step, const R* rows,
   for (int64_t i = 0; i < dv; i += 8) (Vec8::load(&acc[i]) / t).store(out + i);
 }
 
-}  // namespace vorta::cpu::decode
+}  // namespace decode
+VORTA_ISA_END
+}  // namespace vorta::cpu

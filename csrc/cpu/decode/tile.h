@@ -6,8 +6,11 @@
 #include <cstdint>
 
 #include "common/params/attention.h"
+#include "cpu/isa.h"
 
-namespace vorta::cpu::decode {
+namespace vorta::cpu {
+VORTA_ISA_BEGIN
+namespace decode {
 
 inline constexpr int kBlock = int(kDecodeKeyBlock);
 inline constexpr int64_t kMaxRows = 64;  // query rows served by one pass over a cache head
@@ -35,4 +38,6 @@ inline void prefetch_span(const C* p, int64_t first, int64_t n) {
     __builtin_prefetch(reinterpret_cast<const void*>(a), 0, Level);
 }
 
-}  // namespace vorta::cpu::decode
+}  // namespace decode
+VORTA_ISA_END
+}  // namespace vorta::cpu

@@ -9,8 +9,11 @@
 #include "common/kv_codes.h"
 #include "cpu/decode/tile.h"
 #include "cpu/simd/vec8.h"
+#include "cpu/isa.h"
 
-namespace vorta::cpu::decode {
+namespace vorta::cpu {
+VORTA_ISA_BEGIN
+namespace decode {
 
 // Eight cache elements as floats.
 template <class Code>
@@ -90,4 +93,6 @@ void add_values8(const TileRows& t, int64_t i, const C* v, int nk) {
     if (dv - c >= 8) value_tile8<R, 1>(t, i, c, v, nk);
 }
 
-}  // namespace vorta::cpu::decode
+}  // namespace decode
+VORTA_ISA_END
+}  // namespace vorta::cpu

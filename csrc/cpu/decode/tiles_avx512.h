@@ -12,12 +12,15 @@
 
 #include "common/kv_codes.h"
 #include "cpu/decode/tile.h"
+#include "cpu/isa.h"
 
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wuninitialized"
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 
-namespace vorta::cpu::decode {
+namespace vorta::cpu {
+VORTA_ISA_BEGIN
+namespace decode {
 
 // Key blocks between the one being scored and the one the 16-lane tiles prefetch.
 inline constexpr int64_t kAheadBlocks = 2;
@@ -98,7 +101,9 @@ VORTA_TARGET_AVX512 void add_values16(const TileRows& t, int64_t i, const C* v, 
   if (dv - c >= 16) value_tile16<R, 1>(t, i, c, v, nk);
 }
 
-}  // namespace vorta::cpu::decode
+}  // namespace decode
+VORTA_ISA_END
+}  // namespace vorta::cpu
 
 #pragma GCC diagnostic pop
 

@@ -6,8 +6,10 @@
 #include "cpu/parallel.h"
 #include "cpu/simd/exp.h"
 #include "cpu/simd/vec8.h"
+#include "cpu/isa.h"
 
 namespace vorta::cpu {
+VORTA_ISA_BEGIN
 namespace {
 
 // The k < 8 elements left at the end of a row, in lanes 0..k-1; `fill` elsewhere.
@@ -76,4 +78,5 @@ void attn_softmax(const SoftmaxParams<T>& p) {
 template void attn_softmax<float>(const SoftmaxParams<float>&);
 template void attn_softmax<half>(const SoftmaxParams<half>&);
 
+VORTA_ISA_END
 }  // namespace vorta::cpu

@@ -1,8 +1,10 @@
 #include "common/numeric.h"
 #include "cpu/elementwise.h"
 #include "cpu/parallel.h"
+#include "cpu/isa.h"
 
 namespace vorta::cpu {
+VORTA_ISA_BEGIN
 namespace {
 
 constexpr int64_t kAhead = 48;  // gathers in flight per sequence
@@ -36,4 +38,5 @@ void repetition_penalty(const PenaltyParams<T>& p) {
 template void repetition_penalty<float>(const PenaltyParams<float>&);
 template void repetition_penalty<half>(const PenaltyParams<half>&);
 
+VORTA_ISA_END
 }  // namespace vorta::cpu

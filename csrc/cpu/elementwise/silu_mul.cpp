@@ -3,8 +3,10 @@
 #include "cpu/parallel.h"
 #include "cpu/simd/exp.h"
 #include "cpu/simd/vec8.h"
+#include "cpu/isa.h"
 
 namespace vorta::cpu {
+VORTA_ISA_BEGIN
 
 template <typename T>
 void silu_mul(const SiluMulParams<T>& p) {
@@ -23,4 +25,5 @@ void silu_mul(const SiluMulParams<T>& p) {
 template void silu_mul<float>(const SiluMulParams<float>&);
 template void silu_mul<half>(const SiluMulParams<half>&);
 
+VORTA_ISA_END
 }  // namespace vorta::cpu

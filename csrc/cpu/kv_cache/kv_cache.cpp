@@ -3,8 +3,10 @@
 #include "cpu/kv_cache.h"
 #include "cpu/parallel.h"
 #include "cpu/simd/vec8.h"
+#include "cpu/isa.h"
 
 namespace vorta::cpu {
+VORTA_ISA_BEGIN
 namespace {
 
 
@@ -84,4 +86,5 @@ template void quantize_key_value<half>(const KvConvertParams<half, uint8_t>&);
 template void dequantize_key_value<float>(const KvConvertParams<uint8_t, float>&);
 template void dequantize_key_value<half>(const KvConvertParams<uint8_t, half>&);
 
+VORTA_ISA_END
 }  // namespace vorta::cpu

@@ -7,8 +7,10 @@
 #include "cpu/parallel.h"
 #include "cpu/simd/exp.h"
 #include "cpu/simd/vec8.h"
+#include "cpu/isa.h"
 
 namespace vorta::cpu {
+VORTA_ISA_BEGIN
 namespace {
 
 constexpr int kLanes = 256;  // widest expert row
@@ -275,4 +277,5 @@ template void moe_softmax_topk<half>(const MoeSoftmaxParams<half>&);
 template void moe_group_topk<float>(const MoeGroupParams<float>&);
 template void moe_group_topk<half>(const MoeGroupParams<half>&);
 
+VORTA_ISA_END
 }  // namespace vorta::cpu

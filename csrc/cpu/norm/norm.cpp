@@ -7,8 +7,10 @@
 
 #include "cpu/parallel.h"
 #include "cpu/simd/vec8.h"
+#include "cpu/isa.h"
 
 namespace vorta::cpu {
+VORTA_ISA_BEGIN
 namespace {
 
 constexpr int64_t kLanes = 32;  // partial sums per row
@@ -129,4 +131,5 @@ VORTA_INSTANTIATE(float)
 VORTA_INSTANTIATE(half)
 #undef VORTA_INSTANTIATE
 
+VORTA_ISA_END
 }  // namespace vorta::cpu

@@ -1,7 +1,9 @@
 // Attention core instantiation for half queries (every working copy is half).
 #include "cpu/prefill/worker.h"
+#include "cpu/isa.h"
 
 namespace vorta::cpu {
+VORTA_ISA_BEGIN
 
 template <typename T, typename KV>
 void attention(const AttentionProblem<T, KV>& p) {
@@ -10,4 +12,5 @@ void attention(const AttentionProblem<T, KV>& p) {
 
 template void attention<half, half>(const AttentionProblem<half, half>&);
 
+VORTA_ISA_END
 }  // namespace vorta::cpu

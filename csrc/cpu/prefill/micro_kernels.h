@@ -6,8 +6,11 @@
 #include <type_traits>
 
 #include "cpu/simd/vec8.h"
+#include "cpu/isa.h"
 
-namespace vorta::cpu::prefill {
+namespace vorta::cpu {
+VORTA_ISA_BEGIN
+namespace prefill {
 
 constexpr int kMr = 6;  // query rows per micro-kernel call
 
@@ -75,4 +78,6 @@ inline void value_kernel(const float* p, int ldp, const float* v, int64_t ldv, i
   }
 }
 
-}  // namespace vorta::cpu::prefill
+}  // namespace prefill
+VORTA_ISA_END
+}  // namespace vorta::cpu

@@ -11,11 +11,15 @@
 #include <limits>
 #include <type_traits>
 
+#include "cpu/isa.h"
+
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wuninitialized"
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 
-namespace vorta::cpu::prefill {
+namespace vorta::cpu {
+VORTA_ISA_BEGIN
+namespace prefill {
 
 // The micro-kernels of micro_kernels.h on 16-lane registers, NV registers per
 // row: the 32 registers hold 6 rows x 64 keys (or values), halving loads per
@@ -109,7 +113,9 @@ VORTA_TARGET_AVX512 float softmax_row512(float* s, int lim, int computed, const 
   return corr;
 }
 
-}  // namespace vorta::cpu::prefill
+}  // namespace prefill
+VORTA_ISA_END
+}  // namespace vorta::cpu
 
 #pragma GCC diagnostic pop
 

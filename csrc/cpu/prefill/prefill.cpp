@@ -5,8 +5,10 @@
 
 #include "cpu/prefill.h"
 #include "cpu/prefill/problem.h"
+#include "cpu/isa.h"
 
 namespace vorta::cpu {
+VORTA_ISA_BEGIN
 namespace {
 
 constexpr size_t kAlign = 64;
@@ -114,4 +116,5 @@ VORTA_INSTANTIATE(float, uint8_t)
 VORTA_INSTANTIATE(half, uint8_t)
 #undef VORTA_INSTANTIATE
 
+VORTA_ISA_END
 }  // namespace vorta::cpu

@@ -11,8 +11,10 @@
 #include <cstdint>
 
 #include "common/numeric.h"
+#include "cpu/isa.h"
 
 namespace vorta::cpu {
+VORTA_ISA_BEGIN
 
 // Keys per tile of the working copy, and per step of the core.
 inline constexpr int kKeyTile = 64;
@@ -64,4 +66,5 @@ void copy_value_rows(const void* src, const int64_t src_stride[3], Dst* dst,
                      const int64_t dst_stride[2], int64_t B, int64_t H, int64_t L, int d_in,
                      int d_out);
 
+VORTA_ISA_END
 }  // namespace vorta::cpu

@@ -17,8 +17,11 @@
 #include "cpu/prefill/problem.h"
 #include "cpu/simd/exp.h"
 #include "cpu/simd/vec8.h"
+#include "cpu/isa.h"
 
-namespace vorta::cpu::prefill {
+namespace vorta::cpu {
+VORTA_ISA_BEGIN
+namespace prefill {
 
 constexpr int kTile = kKeyTile;  // keys per tile
 constexpr int kBlockRows = 96;   // query rows per task
@@ -266,4 +269,6 @@ void run_attention(const AttentionProblem<T, KV>& p) {
   });
 }
 
-}  // namespace vorta::cpu::prefill
+}  // namespace prefill
+VORTA_ISA_END
+}  // namespace vorta::cpu

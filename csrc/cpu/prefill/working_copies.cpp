@@ -6,8 +6,10 @@
 #include "cpu/parallel.h"
 #include "cpu/prefill/problem.h"
 #include "cpu/simd/vec8.h"
+#include "cpu/isa.h"
 
 namespace vorta::cpu {
+VORTA_ISA_BEGIN
 namespace {
 
 // Eight consecutive source elements as floats; Src is the element type, or
@@ -100,4 +102,5 @@ VORTA_VALUE_ROWS(float, float)
 VORTA_VALUE_ROWS(float, half)
 VORTA_VALUE_ROWS(half, half)
 
+VORTA_ISA_END
 }  // namespace vorta::cpu

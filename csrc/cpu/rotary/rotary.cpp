@@ -6,8 +6,10 @@
 #include "cpu/parallel.h"
 #include "cpu/rotary.h"
 #include "cpu/simd/vec8.h"
+#include "cpu/isa.h"
 
 namespace vorta::cpu {
+VORTA_ISA_BEGIN
 namespace {
 
 // One rounding to T, back in float (the identity for float).
@@ -235,4 +237,5 @@ template void rotary_with_cache<float>(const RotaryCacheParams<float>&);
 template void rotary_with_cache<half>(const RotaryCacheParams<half>&);
 template void rotary_with_cache<bf16>(const RotaryCacheParams<bf16>&);
 
+VORTA_ISA_END
 }  // namespace vorta::cpu

@@ -18,8 +18,10 @@
 #include <cstdint>
 
 #include "cpu/simd/vec8.h"
+#include "cpu/isa.h"
 
 namespace vorta::cpu {
+VORTA_ISA_BEGIN
 
 namespace exp_constants {
 
@@ -121,4 +123,5 @@ inline Vec8 tanh(Vec8 x) {
   return select(cmp_lt(ax, Vec8::broadcast(0.625f)), small, big);
 }
 
+VORTA_ISA_END
 }  // namespace vorta::cpu

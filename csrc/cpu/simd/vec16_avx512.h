@@ -3,8 +3,9 @@
 // They are compiled through a target attribute into builds for any x86-64
 // CPU and chosen at run time (have_avx512), so one build serves both kinds of
 // CPU: a function that calls them carries VORTA_TARGET_AVX512 itself and is
-// reached only when have_avx512() holds. Kernels use the __m512 registers
-// directly, with these helpers for what they share.
+// reached only when have_avx512() holds (the CPU has it and VORTA_CPU_ISA
+// allows it). Kernels use the __m512 registers directly, with these helpers
+// for what they share.
 #pragma once
 
 #if defined(__AVX2__) && defined(__FMA__) && defined(__GNUC__) && defined(__x86_64__)
@@ -23,6 +24,7 @@
 #include "common/numeric.h"
 #include "cpu/simd/exp.h"
 #include "cpu/simd/vec8.h"
+#include "cpu/isa.h"
 
 // GCC 12's AVX-512 intrinsics pass _mm512_undefined_ps() as the unused merge
 // source, which its flow analysis reports as uninitialised.
@@ -30,11 +32,12 @@
 #pragma GCC diagnostic ignored "-Wuninitialized"
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 
-namespace vorta::cpu::avx512 {
+namespace vorta::cpu {
+VORTA_ISA_BEGIN
+namespace avx512 {
 
 inline bool have_avx512() {
-  static const bool yes = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512vl");
-  return yes;
+  return active_isa() == Isa::avx512;
 }
 
 VORTA_TARGET_AVX512 inline Vec8 high_half(__m512 x) {
@@ -111,7 +114,9 @@ VORTA_TARGET_AVX512 inline __m512 transpose_add16(const __m512 a[16]) {
                        _mm512_shuffle_ps(d0, d1, _MM_SHUFFLE(3, 2, 3, 2)));
 }
 
-}  // namespace vorta::cpu::avx512
+}  // namespace avx512
+VORTA_ISA_END
+}  // namespace vorta::cpu
 
 #pragma GCC diagnostic pop
 

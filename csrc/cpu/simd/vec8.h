@@ -24,6 +24,7 @@
 #include <cstdint>
 
 #include "common/numeric.h"
+#include "cpu/isa.h"
 
 #if defined(__AVX2__) && defined(__F16C__) && defined(__FMA__)
 #include "cpu/simd/vec8_avx2.h"
@@ -32,6 +33,7 @@
 #endif
 
 namespace vorta::cpu {
+VORTA_ISA_BEGIN
 
 // Converts n elements (any n) of a 16-bit or float row into floats.
 template <typename T>
@@ -49,4 +51,5 @@ inline void store_row(const float* src, T* dst, int64_t n) {
   for (; i < n; ++i) dst[i] = from_float<T>(src[i]);
 }
 
+VORTA_ISA_END
 }  // namespace vorta::cpu

@@ -10,8 +10,10 @@
 
 #include "common/kv_codes.h"
 #include "common/numeric.h"
+#include "cpu/isa.h"
 
 namespace vorta::cpu {
+VORTA_ISA_BEGIN
 
 struct Vec8 {
   __m256 v;
@@ -188,4 +190,5 @@ inline void narrow_codes(Vec8 x, uint8_t* p) {
   _mm_storel_epi64(reinterpret_cast<__m128i*>(p), _mm_packus_epi16(r, r));
 }
 
+VORTA_ISA_END
 }  // namespace vorta::cpu

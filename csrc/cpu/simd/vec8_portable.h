@@ -9,8 +9,10 @@
 
 #include "common/kv_codes.h"
 #include "common/numeric.h"
+#include "cpu/isa.h"
 
 namespace vorta::cpu {
+VORTA_ISA_BEGIN
 
 struct Vec8 {
   float v[8];
@@ -156,4 +158,5 @@ inline void narrow_codes(Vec8 x, uint8_t* p) {
   for (int i = 0; i < 8; ++i) p[i] = kv::encode<Code>(float_to_half_bits(x.v[i]));
 }
 
+VORTA_ISA_END
 }  // namespace vorta::cpu
