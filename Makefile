@@ -95,13 +95,14 @@ test-cuda-emulated: build
 
 # The CPU module and the C++ unit tests under AddressSanitizer and
 # UndefinedBehaviorSanitizer, in their own build dir. Python itself is not
-# instrumented: the ASan runtime is preloaded so that it comes first. Leaks are
+# instrumented: the ASan runtime is preloaded so that it comes first, with the
+# C++ runtime, whose exception entry ASan must find at start-up. Leaks are
 # not looked for (the interpreter keeps its objects at exit); any other report
 # fails the run.
 SAN_BUILD := build-sanitize
 SAN_FLAGS := -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer
-SAN_ENV = LD_PRELOAD=$$($(CXX) -print-file-name=libasan.so) \
-  ASAN_OPTIONS=detect_leaks=0:abort_on_error=0:exitcode=86 UBSAN_OPTIONS=print_stacktrace=1:exitcode=86
+SAN_ENV = LD_PRELOAD="$$($(CXX) -print-file-name=libasan.so) $$($(CXX) -print-file-name=libstdc++.so)" \
+  ASAN_OPTIONS=detect_leaks=0:exitcode=86 UBSAN_OPTIONS=print_stacktrace=1:exitcode=86
 
 build-sanitize: $(STAMP)
 	@flock .build-sanitize.lock sh -c '\
