@@ -98,7 +98,8 @@ test-cuda-emulated: build
 # instrumented: the ASan runtime is preloaded so that it comes first, with the
 # C++ runtime, whose exception entry ASan must find at start-up. Leaks are
 # not looked for (the interpreter keeps its objects at exit); any other report
-# fails the run.
+# fails the run; --capture=sys leaves stderr to the sanitizers, whose reports
+# would otherwise be lost with the process they end.
 SAN_BUILD := build-sanitize
 SAN_FLAGS := -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer
 SAN_ENV = LD_PRELOAD="$$($(CXX) -print-file-name=libasan.so) $$($(CXX) -print-file-name=libstdc++.so)" \
@@ -115,7 +116,7 @@ test-sanitize: build-sanitize
 	@if [ -f $(SAN_BUILD)/CTestTestfile.cmake ]; then \
 	  ctest --test-dir $(SAN_BUILD) --output-on-failure -j $(JOBS) >$(SAN_BUILD)/ctest.log 2>&1 \
 	    || { cat $(SAN_BUILD)/ctest.log; exit 1; }; tail -n 3 $(SAN_BUILD)/ctest.log; fi
-	$(SAN_ENV) VORTA_BUILD_DIR=$(SAN_BUILD) PYTHONPATH=$(SAN_BUILD) $(PY) -m pytest -q -p no:cacheprovider tests
+	$(SAN_ENV) VORTA_BUILD_DIR=$(SAN_BUILD) PYTHONPATH=$(SAN_BUILD) $(PY) -m pytest -q -p no:cacheprovider --capture=sys tests
 
 clean:
 	rm -rf $(BUILD) $(CUDA_BUILD) $(SAN_BUILD) .build.lock .build-cuda.lock .build-sanitize.lock
