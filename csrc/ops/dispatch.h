@@ -22,6 +22,14 @@ struct TypeTag {
   using type = T;
 };
 
+// The attention operators' head grouping: query heads a whole multiple of the
+// key/value heads, key and value alike. The modulo is taken only once the
+// key/value head count is known to be positive (0 heads fails the check).
+inline bool heads_group(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value) {
+  return key.size(1) > 0 && query.size(1) % key.size(1) == 0 && key.size(1) == value.size(1);
+}
+inline constexpr char kHeadsGroupText[] = "query.size(1) % key.size(1) == 0 && key.size(1) == value.size(1)";
+
 inline constexpr char kFloatHalfMessage[] = "unsupported dtype, only fp32 and fp16 are supported";
 inline constexpr char kFloatHalfBf16Message[] =
     "unsupported dtype, only fp32, fp16 and bf16 are supported";

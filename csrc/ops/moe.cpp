@@ -51,6 +51,13 @@ void check_group_sizes(int32_t n_experts, int32_t n_groups, int32_t top_k) {
   VORTA_ASSERT(top_k <= 32);
 }
 
+// Every choice must be a different real expert.
+void check_expert_count(int64_t n_experts, int64_t top_k) {
+  TORCH_CHECK(n_experts > 0, "the router needs at least one expert (n_experts = size(1)), got ", n_experts);
+  TORCH_CHECK(top_k <= n_experts, "top_k must not exceed the number of experts (", n_experts, "), got ",
+              top_k);
+}
+
 }  // namespace
 
 std::tuple<at::Tensor, at::Tensor> moe_softmax_topk(const at::Tensor& logits, int64_t top_k,
@@ -62,6 +69,7 @@ std::tuple<at::Tensor, at::Tensor> moe_softmax_topk(const at::Tensor& logits, in
   dispatch_float_half(logits.scalar_type(), [&](auto tag) {
     using T = typename decltype(tag)::type;
     check_softmax_sizes(int32_t(n_experts), int32_t(top_k));
+    check_expert_count(n_experts, top_k);
     TORCH_CHECK(logits.is_contiguous(), "logits must be contiguous");
     const MoeSoftmaxParams<T> p{const_ptr<T>(logits),   mut_ptr<int64_t>(topk_ids),
                                 mut_ptr<T>(topk_weights), num_tokens,
@@ -86,9 +94,13 @@ std::tuple<at::Tensor, at::Tensor> moe_group_topk(const at::Tensor& scores, cons
   dispatch_float_half(weight_type, [&](auto tag) {
     using T = typename decltype(tag)::type;
     check_group_sizes(int32_t(n_experts), int32_t(n_groups), int32_t(top_k));
-    TORCH_CHECK(n_groups > 0 && n_experts % n_groups == 0 && n_experts > 0,
+    check_expert_count(n_experts, top_k);
+    TORCH_CHECK(n_groups > 0 && n_experts % n_groups == 0,
                 "n_groups must divide the number of experts");
     TORCH_CHECK(top_k >= 0 && topk_group >= 0, "top_k and topk_group must not be negative");
+    // A group score sums topk_group different experts of the group.
+    TORCH_CHECK(topk_group <= n_experts / n_groups, "topk_group must not exceed the experts per group (",
+                n_experts / n_groups, "), got ", topk_group);
     TORCH_CHECK(scores.is_contiguous(), "scores must be contiguous");
     TORCH_CHECK(!bias || (bias->numel() == n_experts && bias->is_contiguous() &&
                           bias->device() == scores.device()),

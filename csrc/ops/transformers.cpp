@@ -1,4 +1,5 @@
 // Repetition penalty and attention softmax: checks, working memory and launch.
+#include <ATen/ops/aminmax.h>
 #include <ATen/ops/empty.h>
 
 #include "common/fatal.h"
@@ -30,6 +31,17 @@ void attn_softmax_launcher(const SoftmaxParams<T>& p, const c10::Device& device)
                              [&](cudaStream_t s) { return cuda::attn_softmax(p, s); }));
 }
 
+// On the host the ids are in memory already, so a bad one is refused before
+// anything is written. On a GPU reading them back would wait for the stream:
+// the kernel skips ids outside [0, vocab) instead.
+void check_ids_in_vocab(const at::Tensor& input_ids, int64_t vocab) {
+  if (!input_ids.device().is_cpu() || input_ids.numel() == 0) return;
+  const auto [lo, hi] = at::aminmax(input_ids);
+  const int64_t min_id = lo.item<int64_t>(), max_id = hi.item<int64_t>();
+  TORCH_CHECK(min_id >= 0 && max_id < vocab, "input_ids must lie in [0, vocab) = [0, ", vocab,
+              "), got ", min_id < 0 ? min_id : max_id);
+}
+
 }  // namespace
 
 void repetition_penalty_logits_process_inplaced(const at::Tensor& scores,
@@ -48,6 +60,7 @@ void repetition_penalty_logits_process_inplaced(const at::Tensor& scores,
                 "scores must be contiguous in its last dimension");
     TORCH_CHECK(input_ids.stride(1) == 1 || seq_len <= 1,
                 "input_ids must be contiguous in its last dimension");
+    check_ids_in_vocab(input_ids, scores.size(1));
     const PenaltyParams<T> p{mut_ptr<T>(scores),  mut_ptr<T>(working), const_ptr<int64_t>(input_ids),
                              scores.stride(0),    working.stride(0),    input_ids.stride(0),
                              bsz,                 seq_len,              scores.size(1),

@@ -24,7 +24,7 @@ void repetition_penalty(const PenaltyParams<T>& p) {
       const int64_t* id = p.ids + b * p.ids_stride;
       for (int64_t j = 0; j < seq_len; ++j) {
         // Random columns of a long row: ask for later ones early (a prefetch never faults).
-        if (j + kAhead < seq_len) __builtin_prefetch(row + id[j + kAhead]);
+        if (j + kAhead < seq_len && valid(id[j + kAhead])) __builtin_prefetch(row + id[j + kAhead]);
         if (!valid(id[j])) continue;
         const float x = to_float(row[id[j]]);
         w[j] = from_float<T>(x > 0.0f ? x / penalty : x * penalty);

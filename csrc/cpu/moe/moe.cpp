@@ -34,13 +34,14 @@ inline float max_value(const float* v, int n) {
 }
 
 // Takes the largest value of v[0..n), the lowest lane on ties: stores it in
-// `value`, writes -1.0 over its lane (so the next call finds the next one) and
-// returns the lane. Returns -1 and leaves v alone when every lane is NaN.
+// `value`, writes NaN over its lane (which no maximum ever equals, so the lane
+// is never taken again) and returns the lane. Returns -1 and leaves v alone
+// when every lane is NaN or taken.
 inline int take_max(float* v, int n, float& value) {
   const float m = max_value(v, n);
   for (int lane = 0; lane < n; ++lane) {
     if (v[lane] == m) {
-      value = v[lane], v[lane] = -1.0f;
+      value = v[lane], v[lane] = kNaN;
       return lane;
     }
   }
@@ -61,37 +62,48 @@ class ScanSelector {
 // take_max repeated over a NaN-free row: the row is cut into blocks of 32
 // lanes whose maxima are kept, so that a take looks at the block maxima and
 // one block, then refreshes that block's maximum. Same choices as take_max.
+// A taken lane becomes -inf and is flagged, so that it never ties with a real
+// -inf lane.
 class Selector {
  public:
   // v has room for n (a multiple of 8) rounded up to 32 lanes; the lanes past
-  // n become -inf, below every real lane, and are never taken.
+  // n become -inf, flagged as taken, and are never chosen.
   void init(float* v, int n) {
     v_ = v;
     block_max_ = Vec8::broadcast(-kInf);
     const int padded = (n + 31) & ~31;
+    blocks_ = padded / 32;
     for (int i = n; i < padded; i += 8) Vec8::broadcast(-kInf).store(v + i);
-    for (int b = 0; b * 32 < padded; ++b) {
+    for (unsigned& t : taken_) t = 0;
+    if (n < padded) taken_[n / 32] = ~0u << (n % 32);
+    for (int b = 0; b < blocks_; ++b) {
       const float* blk = v + 32 * b;
       set_block_max(b, Vec8::load(blk), Vec8::load(blk + 8), Vec8::load(blk + 16), Vec8::load(blk + 24));
     }
   }
 
   // Whole-vector loads and stores only: a narrow store read back by a wide
-  // load would stall on store forwarding.
+  // load would stall on store forwarding. Returns -1 when every lane is taken.
   int take(float& value) {
     const Vec8 m = broadcast_max(block_max_);
-    const int b = __builtin_ctz(lane_bits(cmp_eq(block_max_, m)));
-    float* blk = v_ + 32 * b;
+    int b = __builtin_ctz(lane_bits(cmp_eq(block_max_, m)));
     Vec8 x[4];
     unsigned hits = 0;
-    for (int j = 0; j < 4; ++j) {
-      x[j] = Vec8::load(blk + 8 * j);
-      hits |= lane_bits(cmp_eq(x[j], m)) << (8 * j);
+    load_block(b, m, x, hits);
+    if (hits == 0) {
+      // Only -inf is left and this block's -inf lanes are taken: the lowest
+      // untaken lane of any block.
+      b = 0;
+      while (b < blocks_ && taken_[b] == ~0u) ++b;
+      if (b == blocks_) return -1;
+      load_block(b, m, x, hits);
+      hits = ~taken_[b];
     }
     const unsigned first = hits & (0u - hits);
+    taken_[b] |= first;
     for (int j = 0; j < 4; ++j) {
-      x[j] = select(lane_mask(first >> (8 * j)), Vec8::broadcast(-1.0f), x[j]);
-      x[j].store(blk + 8 * j);
+      x[j] = select(lane_mask(first >> (8 * j)), Vec8::broadcast(-kInf), x[j]);
+      x[j].store(v_ + 32 * b + 8 * j);
     }
     set_block_max(b, x[0], x[1], x[2], x[3]);
     value = m[0];
@@ -99,13 +111,25 @@ class Selector {
   }
 
  private:
+  // Block b's lanes, and those of them that hold m and are not taken.
+  void load_block(int b, Vec8 m, Vec8 (&x)[4], unsigned& hits) const {
+    hits = 0;
+    for (int j = 0; j < 4; ++j) {
+      x[j] = Vec8::load(v_ + 32 * b + 8 * j);
+      hits |= lane_bits(cmp_eq(x[j], m)) << (8 * j);
+    }
+    hits &= ~taken_[b];
+  }
+
   void set_block_max(int b, Vec8 x0, Vec8 x1, Vec8 x2, Vec8 x3) {
     const Vec8 m = broadcast_max(max(max(x0, x1), max(x2, x3)));
     block_max_ = select(lane_mask(1u << b), m, block_max_);
   }
 
   float* v_ = nullptr;
-  Vec8 block_max_;  // lane b: the largest value of lanes 32b..32b+31
+  int blocks_ = 0;
+  Vec8 block_max_;          // lane b: the largest value of lanes 32b..32b+31
+  unsigned taken_[8] = {};  // bit l of word b: lane 32b + l is taken
 };
 
 inline bool has_nan(const float* v, int n) {
@@ -167,15 +191,10 @@ void softmax_topk_row(const T* logits, int n, int top_k, bool renormalize, int64
   } else {
     const Vec8 vs = Vec8::broadcast(sum);
     for (int i = 0; i < n; i += 8) (Vec8::load(p + i) / vs).store(p + i);
-    // Lanes n..255 hold 0.0 and come after every real lane: they are taken, in
-    // order, only once every real lane has been taken (and turned into -1.0).
-    int next_pad = n;
+    // top_k <= n: every choice is a real lane.
     Selector lanes;
     lanes.init(p, n);
-    for (int k = 0; k < top_k; ++k) {
-      id[k] = lanes.take(w[k]);
-      if (w[k] < 0.0f) id[k] = next_pad++, w[k] = 0.0f;
-    }
+    for (int k = 0; k < top_k; ++k) id[k] = lanes.take(w[k]);
   }
   if (renormalize) {
     const float total = weight_sum(w, top_k);

@@ -2,7 +2,8 @@
 // in registers, eight per lane, and each of the top_k choices is one
 // warp-wide maximum followed by a warp-wide minimum over the expert numbers
 // holding it (ties go to the lowest expert). The chosen expert's value is
-// overwritten with -1.0, so no expert is chosen twice. The arithmetic is the
+// overwritten with NaN, which no maximum equals, so no expert is chosen twice
+// whatever the scores. The arithmetic is the
 // CPU backend's, in the same order: results agree bit for bit.
 #include <cuda/std/limits>
 
@@ -31,11 +32,12 @@ __device__ __forceinline__ int first_slot(const float (&v)[kSlots], float m) {
   return first;
 }
 
-// Overwrites slot k (a run-time index) without moving v to local memory.
+// Overwrites slot k (a run-time index) with NaN, which fmaxf skips and no
+// maximum equals, without moving v to local memory.
 __device__ __forceinline__ void mark_taken(float (&v)[kSlots], int k) {
 #pragma unroll
   for (int j = 0; j < kSlots; ++j)
-    if (j == k) v[j] = -1.0f;
+    if (j == k) v[j] = kNaN;
 }
 
 __device__ __forceinline__ float slot_max(const float (&v)[kSlots]) {
@@ -47,7 +49,7 @@ __device__ __forceinline__ float slot_max(const float (&v)[kSlots]) {
 
 // Takes the largest value among the lanes' slots, the lowest expert on ties;
 // `expert(lane, slot)` numbers them. Returns the expert (kNone when every
-// value is NaN or padding) and its value.
+// value is NaN, taken or padding) and its value.
 template <typename Expert>
 __device__ __forceinline__ unsigned take_max(float (&v)[kSlots], float& value, Expert expert) {
   const int lane = threadIdx.x % 32;
@@ -107,7 +109,8 @@ __global__ void __launch_bounds__(32 * kWarps) moe_softmax_topk_kernel(MoeSoftma
 #pragma unroll
     for (int k = 0; k < kSlots; ++k)
       if (lane + 32 * k < n) v[k] = v[k] / sum;
-    // Padding past n holds 0.0 and comes after every real expert.
+    // top_k <= n (checked by the operator): padding past n (0.0) comes after
+    // every real expert and is never reached.
     for (int k = 0; k < p.top_k; ++k) {
       float value;
       const unsigned e = take_max(v, value, [](int l, int slot) { return unsigned(l + 32 * slot); });
@@ -221,8 +224,8 @@ unsigned token_blocks(int64_t num_tokens) { return unsigned(ceil_div(num_tokens,
 
 template <typename T>
 cudaError_t moe_softmax_topk(const MoeSoftmaxParams<T>& p, cudaStream_t stream) {
-  if (p.n_experts < 0 || p.n_experts > kMaxExperts || p.top_k < 0 || p.top_k > kMaxTopK ||
-      p.num_tokens < 0 || p.num_tokens >= (int64_t(1) << 32))
+  if (p.n_experts <= 0 || p.n_experts > kMaxExperts || p.top_k < 0 || p.top_k > kMaxTopK ||
+      p.top_k > p.n_experts || p.num_tokens < 0 || p.num_tokens >= (int64_t(1) << 32))
     return cudaErrorInvalidValue;
   if (p.num_tokens == 0) return cudaSuccess;
   moe_softmax_topk_kernel<T><<<token_blocks(p.num_tokens), 32 * kWarps, 0, stream>>>(p);
@@ -232,11 +235,12 @@ cudaError_t moe_softmax_topk(const MoeSoftmaxParams<T>& p, cudaStream_t stream) 
 template <typename T>
 cudaError_t moe_group_topk(const MoeGroupParams<T>& p, cudaStream_t stream) {
   // Every group must be whole lanes of experts.
-  if (p.n_experts < 0 || p.n_experts > kMaxExperts || p.n_groups <= 0 ||
+  if (p.n_experts <= 0 || p.n_experts > kMaxExperts || p.n_groups <= 0 ||
       p.n_experts % (p.n_groups * kSlots) != 0 || p.top_k < 0 || p.top_k > kMaxTopK ||
-      p.num_tokens < 0 || p.num_tokens >= (int64_t(1) << 32))
+      p.top_k > p.n_experts || p.topk_group > p.n_experts / p.n_groups || p.num_tokens < 0 ||
+      p.num_tokens >= (int64_t(1) << 32))
     return cudaErrorInvalidValue;
-  if (p.num_tokens == 0 || p.n_experts == 0) return cudaSuccess;
+  if (p.num_tokens == 0) return cudaSuccess;
   const bool vector = aligned16(p.scores) && aligned16(p.bias) && p.n_experts % kSlots == 0 &&
                       (p.n_experts * int64_t(sizeof(float))) % 16 == 0;
   moe_group_topk_kernel<T><<<token_blocks(p.num_tokens), 32 * kWarps, 0, stream>>>(p, vector);

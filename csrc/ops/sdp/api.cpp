@@ -7,6 +7,7 @@
 #include "common/fatal.h"
 #include "common/head_sizes.h"
 #include "ops/device.h"
+#include "ops/dispatch.h"
 #include "ops/ops.h"
 
 namespace {
@@ -18,7 +19,7 @@ namespace prefill {
 
 void check_qkv(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value) {
   VORTA_ASSERT(query.size(0) == key.size(0) && key.size(0) == value.size(0));
-  VORTA_ASSERT(query.size(1) % key.size(1) == 0 && key.size(1) == value.size(1));
+  VORTA_ASSERT_TEXT(heads_group(query, key, value), kHeadsGroupText);
   VORTA_ASSERT(key.size(2) == value.size(2));
   VORTA_ASSERT(query.size(3) == key.size(3) && key.size(3) == value.size(3));
   VORTA_ASSERT(key.scalar_type() == value.scalar_type());

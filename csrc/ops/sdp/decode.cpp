@@ -125,6 +125,12 @@ template <typename T, typename C>
 void launch_single_pass(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
                         const std::optional<at::Tensor>& mask, const at::Tensor& result, float scale,
                         const char* name) {
+  if (key.size(2) == 0) {
+    // No keys: the weighted sum over an empty set is zero (torch's attention
+    // agrees), where the kernels' normalisation would divide by zero.
+    result.zero_();
+    return;
+  }
   const DecodeInputs<T, C> in = decode_inputs<T, C>(query, key, value, mask, scale);
   const DecodeOutput<T> out = decode_output<T>(result);
   const size_t bytes = ask_backend(query.device(), [&] { return cpu::decode_workspace_bytes(in); },

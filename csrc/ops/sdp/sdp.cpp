@@ -23,7 +23,7 @@ void mha_kernel(const at::Tensor& query, const at::Tensor& key, const at::Tensor
 at::Tensor sdp(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value, const OptTensor& mask_in,
                float) {
   VORTA_ASSERT(query.size(0) == key.size(0) && key.size(0) == value.size(0));
-  VORTA_ASSERT(query.size(1) % key.size(1) == 0 && key.size(1) == value.size(1));
+  VORTA_ASSERT_TEXT(heads_group(query, key, value), kHeadsGroupText);
   VORTA_ASSERT(key.size(2) == value.size(2));
   VORTA_ASSERT(query.size(3) == key.size(3) && key.size(3) == value.size(3));
   VORTA_ASSERT(query.scalar_type() == key.scalar_type() && query.scalar_type() == value.scalar_type());

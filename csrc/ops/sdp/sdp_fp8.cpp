@@ -29,7 +29,7 @@ void mha_unbalanced_fp8_kernel(const at::Tensor& query, const at::Tensor& key, c
 at::Tensor sdp_fp8(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
                    const OptTensor& mask_in, float scale) {
   VORTA_ASSERT(query.size(0) == key.size(0) && key.size(0) == value.size(0));
-  VORTA_ASSERT(query.size(1) % key.size(1) == 0 && key.size(1) == value.size(1));
+  VORTA_ASSERT_TEXT(heads_group(query, key, value), kHeadsGroupText);
   VORTA_ASSERT(key.size(2) == value.size(2));
   VORTA_ASSERT(query.size(3) == key.size(3));
   const int64_t bsz = query.size(0), num_heads = query.size(1), seq_length = query.size(2);
