@@ -96,6 +96,17 @@ def test_results_do_not_depend_on_thread_count(op, dtype):
     assert torch.equal(one, two)
 
 
+@pytest.mark.parametrize("op", ["rms", "layer"])
+@pytest.mark.parametrize("dtype", DTYPES)
+def test_outputs_past_the_caches_match_cached_ones(op, dtype):
+    # 12 MiB of output is written past the caches; 64-row slices are not.
+    rows = (12 << 20) // (4096 * torch.tensor([], dtype=dtype).element_size())
+    x, w, b = inputs(rows, 4096, dtype, "cpu", seed=4)
+    run = (lambda t: vorta_addons.rms_norm(w, t, 1e-6)) if op == "rms" else \
+          (lambda t: vorta_addons.layer_norm(t, w, b, 1e-6))
+    assert torch.equal(run(x), torch.cat([run(x[i:i + 64]) for i in range(0, rows, 64)]))
+
+
 def test_sum_order_is_the_fixed_lane_fold():
     # With 1056 columns lane 0 owns blocks 0-1, lanes 1..31 one block each. Emulate
     # the lane partials and the halving fold exactly in float32 and compare bits.

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
-#include <type_traits>
+#include <cstdint>
 #include <vector>
 
 #include "cpu/parallel.h"
@@ -15,26 +15,20 @@ namespace {
 
 constexpr int64_t kLanes = 32;  // partial sums per row
 constexpr int64_t kBlock = 32;  // elements per block
-constexpr int64_t kMaxHidden = 8192;
 
 // Folds 32 lane values by halves (0-15 + 16-31, then 0-7 + 8-15, ...). This
 // order fixes the rounding of every sum, so results do not depend on how rows
-// are spread over threads. The lanes arrive as four vectors of eight.
-inline float fold32(Vec8 a0, Vec8 a1, Vec8 a2, Vec8 a3) {
-  Vec8 v = (a0 + a2) + (a1 + a3);
-  float r[8];
-  v.store(r);
-  for (int w = 4; w >= 1; w /= 2)
-    for (int i = 0; i < w; ++i) r[i] += r[i + w];
-  return r[0];
-}
+// are spread over threads. The lanes arrive as four vectors of eight; the
+// last three halvings are reduce_add's.
+inline float fold32(Vec8 a0, Vec8 a1, Vec8 a2, Vec8 a3) { return reduce_add((a0 + a2) + (a1 + a3)); }
 
 // Mean of f(x) over a row: the row's blocks are dealt to 32 lanes in
 // contiguous runs (the first hidden/32 % 32 lanes take one extra block); each
 // lane sums its blocks element-wise into 32 accumulators, folds them and
-// divides by hidden; the 32 lane results are folded again.
-template <typename F>
-float lane_mean(const float* x, int64_t hidden, F f) {
+// divides by hidden; the 32 lane results are folded again. 16-bit rows are
+// converted as they are read.
+template <typename T, typename F>
+float lane_mean(const T* x, int64_t hidden, F f) {
   const int64_t blocks = hidden / kBlock;
   const int64_t per_lane = blocks / kLanes, extra = blocks % kLanes;
   alignas(32) float partial[kLanes];
@@ -43,7 +37,7 @@ float lane_mean(const float* x, int64_t hidden, F f) {
     const int64_t last = first + per_lane + (t < extra ? 1 : 0);
     Vec8 a0 = Vec8::zero(), a1 = a0, a2 = a0, a3 = a0;
     for (int64_t b = first; b < last; ++b) {
-      const float* blk = x + b * kBlock;
+      const T* blk = x + b * kBlock;
       a0 = a0 + f(Vec8::load(blk));
       a1 = a1 + f(Vec8::load(blk + 8));
       a2 = a2 + f(Vec8::load(blk + 16));
@@ -55,17 +49,6 @@ float lane_mean(const float* x, int64_t hidden, F f) {
                 Vec8::load(partial + 24));
 }
 
-// The row as floats: the input itself for float rows, else a converted copy.
-template <typename T>
-const float* row_as_float(const T* row, int64_t n, float* scratch) {
-  if constexpr (std::is_same_v<T, float>) {
-    return row;
-  } else {
-    load_row(row, scratch, n);
-    return scratch;
-  }
-}
-
 template <typename T>
 std::vector<float> to_float_vector(const T* p, int64_t n) {
   std::vector<float> v(p ? n : 0);
@@ -73,20 +56,56 @@ std::vector<float> to_float_vector(const T* p, int64_t n) {
   return v;
 }
 
-// Writes out[i..i+8) = y(i) for the row, rounding once to T. Plain stores:
-// the output is freshly allocated, and its pages arrive zeroed in cache.
-template <typename T, typename F>
-inline void write_row(T* out, int64_t n, F y) {
-  for (int64_t i = 0; i < n; i += 8) y(i).store(out + i);
+// Outputs larger than this go past the caches: they would be evicted before a
+// reader came, and a cached store first reads the line it fills.
+constexpr int64_t kStreamBytes = int64_t(8) << 20;
+
+// Where a row's results go: to out, past the caches when stream. next is the
+// input row to fetch into L2 meanwhile: the hardware's prefetcher alone does
+// not run far enough ahead of the arithmetic to hide memory behind it.
+template <typename T>
+struct RowOut {
+  T* out;
+  bool stream;
+  const T* next;
+};
+
+template <bool kStream, typename T, typename F>
+inline void write_lines(T* out, const T* next, int64_t n, F y) {
+  constexpr int64_t kLine = 64 / sizeof(T);  // elements per cache line; n is a multiple
+  for (int64_t i = 0; i < n; i += kLine) {
+    __builtin_prefetch(next + i, 0, 2);
+    for (int64_t j = i; j < i + kLine; j += 8) {
+      if constexpr (kStream)
+        y(j).stream(out + j);
+      else
+        y(j).store(out + j);
+    }
+  }
 }
 
-// Runs row(r, x) for every row with x the row as floats, in parallel.
+// Writes out[i..i+8) = y(i) for the row, rounding once to T. y captures by
+// value: the stores could otherwise alias what it reads through references.
+template <typename T, typename F>
+inline void write_row(const RowOut<T>& o, int64_t n, F y) {
+  if (o.stream)
+    write_lines<true>(o.out, o.next, n, y);
+  else
+    write_lines<false>(o.out, o.next, n, y);
+}
+
+// Runs row(out, x) for every row in parallel. Rows are whole vectors of T, so
+// an aligned output keeps every row aligned for stream().
 template <typename T, typename F>
 void for_each_row(const T* input, T* output, int64_t num_tokens, int64_t hidden, F row) {
+  const int64_t bytes = num_tokens * hidden * int64_t(sizeof(T));
+  const bool stream = bytes > kStreamBytes && reinterpret_cast<uintptr_t>(output) % (8 * sizeof(T)) == 0;
   parallel_for(0, num_tokens, grain_for(hidden * 2 * int64_t(sizeof(T))), [&](int64_t lo, int64_t hi) {
-    alignas(32) float scratch[kMaxHidden];
-    for (int64_t r = lo; r < hi; ++r)
-      row(output + r * hidden, row_as_float(input + r * hidden, hidden, scratch));
+    for (int64_t r = lo; r < hi; ++r) {
+      const T* x = input + r * hidden;
+      row(RowOut<T>{output + r * hidden, stream, r + 1 < hi ? x + hidden : x}, x);
+    }
+    if (stream) stream_fence();
   });
 }
 
@@ -96,11 +115,12 @@ template <typename T>
 void rms_norm(const NormParams<T>& p) {
   const int64_t hidden = p.hidden;
   const float eps = p.eps;
-  const std::vector<float> w = to_float_vector(p.weight, hidden);
-  for_each_row(p.input, p.output, p.rows, hidden, [&](T* out, const float* x) {
+  const std::vector<float> weight = to_float_vector(p.weight, hidden);
+  const float* w = weight.data();
+  for_each_row(p.input, p.output, p.rows, hidden, [&](const RowOut<T>& out, const T* x) {
     const float ms = lane_mean(x, hidden, [](Vec8 v) { return v * v; });
     const Vec8 s = Vec8::broadcast(1.0f / std::sqrt(ms + eps));
-    write_row(out, hidden, [&](int64_t i) { return (Vec8::load(x + i) * s) * Vec8::load(&w[i]); });
+    write_row(out, hidden, [=](int64_t i) { return (Vec8::load(x + i) * s) * Vec8::load(w + i); });
   });
 }
 
@@ -108,17 +128,18 @@ template <typename T>
 void layer_norm(const NormParams<T>& p) {
   const int64_t hidden = p.hidden;
   const float eps = p.eps;
-  const bool weight = p.weight != nullptr, bias = p.bias != nullptr;
-  const std::vector<float> w = to_float_vector(p.weight, hidden);
-  const std::vector<float> b = to_float_vector(p.bias, hidden);
-  for_each_row(p.input, p.output, p.rows, hidden, [&](T* out, const float* x) {
+  const std::vector<float> weight = to_float_vector(p.weight, hidden);
+  const std::vector<float> bias = to_float_vector(p.bias, hidden);
+  const float* w = p.weight ? weight.data() : nullptr;
+  const float* b = p.bias ? bias.data() : nullptr;
+  for_each_row(p.input, p.output, p.rows, hidden, [&](const RowOut<T>& out, const T* x) {
     const Vec8 m = Vec8::broadcast(lane_mean(x, hidden, [](Vec8 v) { return v; }));
     const float var = lane_mean(x, hidden, [m](Vec8 v) { return (v - m) * (v - m); });
     const Vec8 s = Vec8::broadcast(1.0f / std::sqrt(var + eps));
-    write_row(out, hidden, [&](int64_t i) {
+    write_row(out, hidden, [=](int64_t i) {
       Vec8 y = (Vec8::load(x + i) - m) * s;
-      if (weight) y = y * Vec8::load(&w[i]);
-      if (bias) y = y + Vec8::load(&b[i]);
+      if (w) y = y * Vec8::load(w + i);
+      if (b) y = y + Vec8::load(b + i);
       return y;
     });
   });

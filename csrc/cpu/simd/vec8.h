@@ -6,6 +6,9 @@
 // otherwise; both give the same results. The interface, for Vec8 a, b, c and
 // masks m (lanes all ones or all zeros):
 //   Vec8::zero(), broadcast(x), load(p) / store(p) for float, half and bf16, a[i]
+//   stream(p) for float and half: a store past the caches, for outputs too big
+//     to stay cached (p aligned to the bytes stored); stream_fence() orders
+//     such stores before the ones that follow (a thread's last act on a chunk)
 //   a + b, a - b, a * b, a / b, max(a, b), min(a, b) (the second operand when
 //     either is NaN), fmadd(a, b, c) = a * b + c and fnmadd(a, b, c) = c - a * b
 //     rounded once, round_nearest(a), floor(a)

@@ -33,6 +33,10 @@ struct Vec8 {
     _mm_storeu_si128(reinterpret_cast<__m128i*>(p), _mm256_cvtps_ph(v, _MM_FROUND_TO_NEAREST_INT));
   }
   void store(bf16* p) const;
+  void stream(float* p) const { _mm256_stream_ps(p, v); }
+  void stream(half* p) const {
+    _mm_stream_si128(reinterpret_cast<__m128i*>(p), _mm256_cvtps_ph(v, _MM_FROUND_TO_NEAREST_INT));
+  }
   float operator[](int i) const {
     alignas(32) float tmp[8];
     _mm256_store_ps(tmp, v);
@@ -46,6 +50,8 @@ struct Vec8 {
   friend Vec8 max(Vec8 a, Vec8 b) { return {_mm256_max_ps(a.v, b.v)}; }
   friend Vec8 min(Vec8 a, Vec8 b) { return {_mm256_min_ps(a.v, b.v)}; }
 };
+
+inline void stream_fence() { _mm_sfence(); }
 
 inline Vec8 fmadd(Vec8 a, Vec8 b, Vec8 c) { return {_mm256_fmadd_ps(a.v, b.v, c.v)}; }
 inline Vec8 fnmadd(Vec8 a, Vec8 b, Vec8 c) { return {_mm256_fnmadd_ps(a.v, b.v, c.v)}; }

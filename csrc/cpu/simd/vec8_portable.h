@@ -33,6 +33,10 @@ struct Vec8 {
   void store(T* p) const {
     for (int i = 0; i < 8; ++i) p[i] = from_float<T>(v[i]);
   }
+  template <typename T>
+  void stream(T* p) const {
+    store(p);
+  }
   float operator[](int i) const { return v[i]; }
 
   // Applies f lane by lane.
@@ -73,6 +77,8 @@ inline Vec8 bitwise(Vec8 a, Vec8 b, F f) {
 }
 
 }  // namespace detail
+
+inline void stream_fence() {}
 
 inline Vec8 fmadd(Vec8 a, Vec8 b, Vec8 c) {
   return Vec8::map([&](int i) { return std::fma(a.v[i], b.v[i], c.v[i]); });
