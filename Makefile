@@ -72,6 +72,7 @@ test-aarch64:
 	@$(call ctest,$(AARCH64_BUILD))
 
 BENCH_STAMP := $(VENV)/.bench-installed
+BENCH_MALLOC := MALLOC_MMAP_THRESHOLD_=4294967296 MALLOC_TRIM_THRESHOLD_=68719476736 MALLOC_TOP_PAD_=1073741824
 
 $(BENCH_STAMP): requirements-bench.txt $(STAMP)
 	$(PY) -m pip install -q --disable-pip-version-check -r requirements-bench.txt torch==$(TORCH_VERSION)
@@ -80,7 +81,8 @@ $(BENCH_STAMP): requirements-bench.txt $(STAMP)
 # Writes bench/results/<machine>-<date>.json and .png; BENCH="norm rope" picks groups.
 bench: build $(BENCH_STAMP)
 	@# Huge pages for torch's allocator: fresh 64 MiB buffers otherwise cost more in page faults than in bandwidth.
-	PYTHONPATH=$(BUILD) THP_MEM_ALLOC_ENABLE=1 $(PY) -m bench $(BENCH)
+	@# glibc keeps freed memory, as an engine's caching allocator does: a fresh output is then not fresh zeroed pages.
+	PYTHONPATH=$(BUILD) THP_MEM_ALLOC_ENABLE=1 $(BENCH_MALLOC) $(PY) -m bench $(BENCH)
 
 # Text generation with a real model (SmolLM2-135M from a PyPI package) on the operators,
 # side by side with transformers. DEMO="--dtype fp16 --kv-cache int8" passes options.

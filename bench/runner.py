@@ -357,6 +357,15 @@ def cpu_features() -> List[str]:
     return [w for w in wanted if w in flags]
 
 
+# The environment that decides whether a fresh output is fresh pages (page faults, zeroing)
+# or memory freed earlier: huge pages for torch's CPU allocator, glibc's caching settings.
+ALLOCATOR_ENV = ("THP_MEM_ALLOC_ENABLE", "MALLOC_MMAP_THRESHOLD_", "MALLOC_TRIM_THRESHOLD_", "MALLOC_TOP_PAD_")
+
+
+def allocator_env() -> Dict[str, str]:
+    return {k: os.environ[k] for k in ALLOCATOR_ENV if k in os.environ}
+
+
 def machine_name(device) -> str:
     dev = torch.device(device)
     name = torch.cuda.get_device_name(dev) if dev.type == "cuda" else cpu_model()
@@ -396,13 +405,15 @@ def main(modules, device="cpu", out_dir=None, use_compile=True, chart=True, suff
     meta = {"machine": machine_name(device), "device": str(device), "date": started.strftime("%Y-%m-%d"),
             "started": started.isoformat(timespec="seconds"), "torch": torch.__version__,
             "threads": torch.get_num_threads(), "cpu": cpu_model(), "cpu_features": cpu_features(),
-            "budget_s": BUDGET_S, "load_average_start": list(os.getloadavg()),
+            "budget_s": BUDGET_S, "allocator_env": allocator_env(),
+            "load_average_start": list(os.getloadavg()),
             "commit": commit, "dirty": dirty}
     if device.type == "cuda":
         meta.update(gpu=torch.cuda.get_device_name(device), cuda=torch.version.cuda,
                     multiprocessors=torch.cuda.get_device_properties(device).multi_processor_count)
     print(f"{meta['machine']}: {meta['cpu']} ({' '.join(meta['cpu_features'])}), torch {meta['torch']}, "
           f"{meta['threads']} threads, device {device}, load {meta['load_average_start'][0]:.2f}")
+    print("allocator: " + (" ".join(f"{k}={v}" for k, v in meta["allocator_env"].items()) or "defaults"))
     peaks = matmul_peaks(device)
     print("matmul peak: " + ", ".join(f"{k} {v['GFLOP/s']:.1f} GFLOP/s (n={v['n']})" for k, v in peaks.items()))
     copy = CopyLimit(device)
