@@ -54,6 +54,24 @@ def test_softmax_matches_reference(dtype, shape, device):
         assert ((a.double() - ref).abs() <= ref.abs().clamp_min(6.1e-5) * 2.0 ** -10).all()
 
 
+@pytest.mark.parametrize("dtype", DTYPES)
+def test_softmax_rows_with_nan_infinities_and_underflow(dtype, device):
+    # Rows whose exponentials all stay normal take a faster path than rows with an entry
+    # that underflows, a NaN or an infinity; each row here is one of those.
+    a = torch.randn(5, 1024, generator=torch.Generator().manual_seed(1)) * 3
+    a[0, 7] = a[0].max() - 97.0  # e^-97: subnormal in float32, a lane of its own
+    a[1, 100] = float("nan")
+    a[2, ::5] = float("-inf")
+    a[3, 1023] = float("inf")
+    a = a.to(dtype)
+    ref, a = torch.softmax(a.double(), -1), a.to(device)
+    vorta_addons.attn_softmax_inplaced(a.view(1, 1, 5, 1024))
+    a = a.cpu().double()
+    tol = 2e-6 if dtype == torch.float32 else 2.0 ** -10
+    torch.testing.assert_close(a, ref, rtol=tol, atol=1e-44 if dtype == torch.float32 else 6e-8, equal_nan=True)
+    assert a[1].isnan().all() and a[3].isnan().all() and (a[2, ::5] == 0).all()
+
+
 def test_dtype_errors_and_one_record_per_call():
     ids = torch.zeros(2, 3, dtype=torch.long)
     for call, x, name in [

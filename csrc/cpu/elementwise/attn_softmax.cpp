@@ -1,4 +1,5 @@
 #include <limits>
+#include <type_traits>
 #include <vector>
 
 #include "common/numeric.h"
@@ -27,29 +28,60 @@ void store_tail(Vec8 v, T* p, int64_t k) {
   for (int64_t i = 0; i < k; ++i) p[i] = from_float<T>(t[i]);
 }
 
+// e[i] = exp2(v(i)) over the row's body (i < body), in order, and their sum
+// lane by lane; the next row is fetched a cache line at a time meanwhile.
+template <typename T, typename Exp, typename V>
+Vec8 exp_body(const T* x, int64_t n, int64_t body, float* e, Exp exp, V v) {
+  constexpr int64_t kLine = 64 / sizeof(T);
+  Vec8 s = Vec8::zero();
+  for (int64_t i = 0; i < body; i += 8) {
+    if (i % kLine == 0) __builtin_prefetch(x + n + i);
+    const Vec8 p = exp(v(i));
+    p.store(e + i);
+    s = s + p;
+  }
+  return s;
+}
+
 // One row: the exponentials are kept in `e` (float) for the final scaling.
 template <typename T>
 void softmax_row(T* x, int64_t n, float* e) {
   const int64_t body = n & ~int64_t(7), tail = n - body;
   const float inf = std::numeric_limits<float>::infinity();
-  Vec8 m0 = Vec8::broadcast(-inf), m1 = m0;
+  Vec8 m0 = Vec8::broadcast(-inf), m1 = m0, lo = Vec8::broadcast(inf);
   int64_t i = 0;
+  // 16-bit rows are converted once, into e, where the exponentials then go.
+  constexpr bool kConvert = !std::is_same_v<T, float>;
   for (; i + 16 <= body; i += 16) {
-    m0 = max(m0, Vec8::load(x + i));
-    m1 = max(m1, Vec8::load(x + i + 8));
+    const Vec8 a = Vec8::load(x + i), b = Vec8::load(x + i + 8);
+    if constexpr (kConvert) a.store(e + i), b.store(e + i + 8);
+    m0 = max(m0, a);
+    m1 = max(m1, b);
+    lo = min(lo, min(a, b));
   }
-  if (i < body) m0 = max(m0, Vec8::load(x + i));
+  if (i < body) {
+    const Vec8 a = Vec8::load(x + i);
+    if constexpr (kConvert) a.store(e + i);
+    m0 = max(m0, a);
+    lo = min(lo, a);
+  }
   if (tail) m0 = max(m0, load_tail(x + body, tail, -inf));
   const Vec8 m = Vec8::broadcast(reduce_max(max(m0, m1)));
   const Vec8 l2e = Vec8::broadcast(exp_constants::kLog2e);
+  const float* xf = kConvert ? e : reinterpret_cast<const float*>(x);
+  const auto v = [&](int64_t k) { return (Vec8::load(xf + k) - m) * l2e; };
 
-  Vec8 s = Vec8::zero();
-  for (i = 0; i < body; i += 8) {
-    // The next row streams in while this one is computed.
-    __builtin_prefetch(x + n + i);
-    const Vec8 p = exp2((Vec8::load(x + i) - m) * l2e);
-    p.store(e + i);
-    s = s + p;
+  // (x - m) * log2(e) lies in [(lo - m) * log2(e), 0] when m is the maximum
+  // and lo a lane's minimum: at or above -125 in every lane, the whole body
+  // takes exp2_normal. A NaN anywhere (lo and m are then not to be trusted)
+  // makes the sum NaN, and the body is redone with exp2.
+  const bool normal = lane_bits(cmp_ge((lo - m) * l2e, Vec8::broadcast(-125.0f))) == 0xffu;
+  Vec8 s;
+  if (normal) {
+    s = exp_body(x, n, body, e, [](Vec8 a) { return exp2_normal(a); }, v);
+    if (lane_bits(cmp_eq(s, s)) != 0xffu) s = exp_body(x, n, body, e, [](Vec8 a) { return exp2(a); }, v);
+  } else {
+    s = exp_body(x, n, body, e, [](Vec8 a) { return exp2(a); }, v);
   }
   if (tail) {
     alignas(32) float t[8];

@@ -83,13 +83,18 @@ inline Vec8 exp2_poly(Vec8 f) {
 
 }  // namespace exp_detail
 
-inline Vec8 exp2(Vec8 v) {
-  // -125 <= x <= 127 (not NaN): the result is a normal float, and adding n to
-  // its exponent field scales it exactly, as the two multiplications would.
-  const Vec8 ok = bit_and(cmp_ge(v, Vec8::broadcast(-125.0f)), cmp_le(v, Vec8::broadcast(127.0f)));
-  if (lane_bits(ok) != 0xffu) return exp_detail::exp2_any(v);
+// exp2 for -125 <= x <= 127 (not NaN), which the caller has checked: the
+// result is a normal float, and adding n to its exponent field scales it
+// exactly, as exp2_any's two multiplications would. A NaN gives a NaN.
+inline Vec8 exp2_normal(Vec8 v) {
   const Vec8 n = round_nearest(v);
   return scale_pow2(exp_detail::exp2_poly(v - n), n);
+}
+
+inline Vec8 exp2(Vec8 v) {
+  const Vec8 ok = bit_and(cmp_ge(v, Vec8::broadcast(-125.0f)), cmp_le(v, Vec8::broadcast(127.0f)));
+  if (lane_bits(ok) != 0xffu) return exp_detail::exp2_any(v);
+  return exp2_normal(v);
 }
 
 inline Vec8 fast_exp(Vec8 x) {
