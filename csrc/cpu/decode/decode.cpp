@@ -71,13 +71,13 @@ void decode_attention(const DecodeInputs<T, C>& in, const DecodeOutput<T>& out, 
   if (split.chunks == 1) return;
   const int64_t rows = split.pairs * split.tile;
   parallel_for(0, rows, grain(split.chunks * dv), [&](int64_t lo, int64_t hi) {
-    std::vector<float> acc;
+    std::vector<float> weights;
     for (int64_t x = lo; x < hi; ++x) {
       const int64_t pair = x / split.tile, i = x % split.tile, row0 = (pair % split.tiles) * split.tile;
       if (row0 + i >= split.rows) continue;  // past the end of the last tile
       const float* first = &parts[(pair * split.chunks * split.tile + i) * part_size];
       const int64_t step = split.tile * part_size;
-      decode::combine_row(split.chunks, first, step, first + 2, step, dv, out_row(pair / split.tiles, row0 + i), acc);
+      decode::combine_row(split.chunks, first, step, first + 2, step, dv, out_row(pair / split.tiles, row0 + i), weights);
     }
   });
 }
@@ -110,12 +110,12 @@ template <typename T>
 void combine_attention_blocks(const DecodeBlocks<T>& blocks, const DecodeOutput<T>& out, int64_t bsz,
                               int64_t num_heads, int64_t dv) {
   parallel_for(0, bsz * num_heads, grain(blocks.nblocks * dv), [&](int64_t lo, int64_t hi) {
-    std::vector<float> acc;
+    std::vector<float> weights;
     for (int64_t x = lo; x < hi; ++x) {
       const int64_t b = x / num_heads, h = x % num_heads;
       decode::combine_row(blocks.nblocks, blocks.stats + b * blocks.stats_stride[0] + h * blocks.stats_stride[1], 2,
                   blocks.rows + b * blocks.rows_stride[0] + h * blocks.rows_stride[1], dv, dv,
-                  out.data + b * out.stride[0] + h * out.stride[1], acc);
+                  out.data + b * out.stride[0] + h * out.stride[1], weights);
     }
   });
 }

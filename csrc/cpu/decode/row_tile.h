@@ -63,7 +63,7 @@ class RowTile {
     float* p = take(max_rows * kBlock);
     m_ = take(max_rows);
     l_ = take(max_rows);
-    rows_ = {d, dv, q, p, acc, take(max_rows)};
+    rows_ = {d, dv, q, p, acc, take(max_rows), false};
   }
 
   // Serves rows [row0, row0 + n) of key/value head g of batch entry b. Rows
@@ -87,6 +87,7 @@ class RowTile {
     std::fill(m_, m_ + n_, kNegInf);
     std::fill(l_, l_ + n_, 0.0f);
     std::fill(rows_.acc, rows_.acc + n_ * rows_.dv, 0.0f);
+    rows_.fresh = true;
   }
 
   // Adds keys [j0, j0 + nk), 1 <= nk <= kBlock.
@@ -98,12 +99,14 @@ class RowTile {
       for_row_tiles([&](auto r, int64_t i) { score_tile16<decltype(r)::value>(rows_, i, k, v, nk); });
       for (int64_t i = 0; i < n_; ++i) softmax_row(i, j0, nk);
       for_row_tiles([&](auto r, int64_t i) { add_values16<decltype(r)::value>(rows_, i, v, nk); });
+      rows_.fresh = false;
       return;
     }
 #endif
     for_row_tiles([&](auto r, int64_t i) { score_tile8<decltype(r)::value>(rows_, i, k, v, nk); });
     for (int64_t i = 0; i < n_; ++i) softmax_row(i, j0, nk);
     for_row_tiles([&](auto r, int64_t i) { add_values8<decltype(r)::value>(rows_, i, v, nk); });
+    rows_.fresh = false;
   }
 
   float max_score(int64_t i) const { return m_[i]; }
@@ -145,7 +148,7 @@ class RowTile {
       top = max(top, Vec8::load(p + 8 * t));
     }
     const float m = std::max(m_[i], reduce_max(top));
-    rows_.alpha[i] = std::exp(m_[i] - m);  // 0 on the first block
+    rows_.alpha[i] = rows_.fresh ? 0.0f : std::exp(m_[i] - m);
     m_[i] = m;
     Vec8 sum = Vec8::zero();
     for (int t = 0; t < groups; ++t) {

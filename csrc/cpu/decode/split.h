@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "cpu/decode/tile.h"
+#include "cpu/simd/exp.h"
 #include "cpu/simd/vec8.h"
 #include "cpu/isa.h"
 
@@ -63,25 +64,47 @@ struct Split {
   }
 };
 
+// out[c, c + 8 NV) = sum_p w[p] rows_p[c, c + 8 NV) / total, accumulated in
+// registers, parts in order.
+template <int NV, typename R, typename T>
+inline void combine_columns(int64_t parts, const float* w, const R* rows, int64_t rows_step, int64_t c,
+                            float total, T* out) {
+  Vec8 acc[NV];
+  for (Vec8& a : acc) a = Vec8::zero();
+  for (int64_t p = 0; p < parts; ++p) {
+    const Vec8 wv = Vec8::broadcast(w[p]);
+    for (int u = 0; u < NV; ++u) acc[u] = fmadd(wv, Vec8::load(rows + p * rows_step + c + 8 * u), acc[u]);
+  }
+  const Vec8 t = Vec8::broadcast(total);
+  for (int u = 0; u < NV; ++u) (acc[u] / t).store(out + c + 8 * u);
+}
+
 // Combines parts of one row, each the softmax over its own keys: part c has
 // maximum stats[c * step], exp sum stats[c * step + 1] and result row
 // rows + c * rows_step. out = sum_c w_c row_c / sum_c w_c, w_c = sum_c * exp(max_c - M).
 template <typename R, typename T>
 void combine_row(int64_t parts, const float* stats, int64_t step, const R* rows, int64_t rows_step,
-                 int64_t dv, T* out, std::vector<float>& acc) {
+                 int64_t dv, T* out, std::vector<float>& w) {
   float top = -INFINITY;
   for (int64_t c = 0; c < parts; ++c) top = std::max(top, stats[c * step]);
-  acc.assign(dv, 0.0f);
-  float total = 0.0f;
-  for (int64_t c = 0; c < parts; ++c) {
-    const float w = stats[c * step + 1] * std::exp(stats[c * step] - top);
-    total += w;
-    const Vec8 wv = Vec8::broadcast(w);
-    for (int64_t i = 0; i < dv; i += 8)
-      fmadd(wv, Vec8::load(rows + c * rows_step + i), Vec8::load(&acc[i])).store(&acc[i]);
+  // The weights eight at a time; lanes past the last part weigh nothing.
+  w.resize(size_t(parts + 7) / 8 * 8);
+  const Vec8 topv = Vec8::broadcast(top);
+  for (int64_t c = 0; c < parts; c += 8) {
+    alignas(32) float m[8], l[8];
+    for (int64_t i = 0; i < 8; ++i) {
+      m[i] = c + i < parts ? stats[(c + i) * step] : top;
+      l[i] = c + i < parts ? stats[(c + i) * step + 1] : 0.0f;
+    }
+    (Vec8::load(l) * fast_exp(Vec8::load(m) - topv)).store(&w[c]);
   }
-  const Vec8 t = Vec8::broadcast(total);
-  for (int64_t i = 0; i < dv; i += 8) (Vec8::load(&acc[i]) / t).store(out + i);
+  float total = 0.0f;
+  for (int64_t c = 0; c < parts; ++c) total += w[c];
+  int64_t c = 0;
+  for (; c + 64 <= dv; c += 64) combine_columns<8>(parts, w.data(), rows, rows_step, c, total, out);
+  if (dv - c >= 32) combine_columns<4>(parts, w.data(), rows, rows_step, c, total, out), c += 32;
+  if (dv - c >= 16) combine_columns<2>(parts, w.data(), rows, rows_step, c, total, out), c += 16;
+  if (dv - c >= 8) combine_columns<1>(parts, w.data(), rows, rows_step, c, total, out);
 }
 
 }  // namespace decode

@@ -24,6 +24,7 @@ struct TileRows {
   float* p;      // [rows, kBlock] the block's scores, then its weights
   float* acc;    // [rows, dv] the weighted value rows so far
   float* alpha;  // [rows] what acc is multiplied by before the block is added
+  bool fresh;    // acc holds no keys yet: the 8-lane value tiles start from zero
 };
 
 // Cache levels for prefetch_span.

@@ -42,7 +42,12 @@ void score_tile8(const TileRows& t, int64_t i, const C* k, const C* v, int nk) {
     for (Vec8& a : acc) a = Vec8::zero();
     for (int64_t c = 0; c < d; c += 8) {
       Vec8 q[R];
-      for (int r = 0; r < R; ++r) q[r] = Vec8::load(t.q + (i + r) * d + c);
+      for (int r = 0; r < R; ++r) {
+        // Loaded once for the K keys: folded into each FMA, the loads would outnumber them.
+        Vec8 row = Vec8::load(t.q + (i + r) * d + c);
+        if (K > 1) keep_in_register(row);
+        q[r] = row;
+      }
       for (int u = 0; u < K; ++u) {
         Vec8 x = widen8<kv::KeyCode>(key[u] + c);
         if (R > 1) keep_in_register(x);
@@ -63,7 +68,8 @@ void value_tile8(const TileRows& t, int64_t i, int64_t c, const C* v, int nk) {
   Vec8 a[R][NV];
   for (int r = 0; r < R; ++r) {
     const Vec8 alpha = Vec8::broadcast(t.alpha[i + r]);
-    for (int u = 0; u < NV; ++u) a[r][u] = Vec8::load(t.acc + (i + r) * dv + c + 8 * u) * alpha;
+    for (int u = 0; u < NV; ++u)
+      a[r][u] = t.fresh ? Vec8::zero() : Vec8::load(t.acc + (i + r) * dv + c + 8 * u) * alpha;
   }
   for (int j = 0; j < nk; ++j) {
     Vec8 w[R];

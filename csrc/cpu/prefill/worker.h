@@ -71,7 +71,7 @@ class Worker {
     for (int64_t t0 = 0; t0 < key_end; t0 += kTile) {
       // Keys of this tile that any row of the block may see.
       const int n = int(std::min<int64_t>(kTile, key_end - t0));
-      scores(key_tile(b, hk, t0), rows, n);
+      scores(key_tile(b, hk, t0), q0, t0, rows, n);
       softmax(b, h, q0, t0, rows, n);
       int64_t ldv = 0;
       const float* vt = value_tile(b, hk, t0, n, ldv);
@@ -94,7 +94,7 @@ class Worker {
       for (int c = 0; c < vd_; c += 16)
         for (int r = 0; r < rows; r += kMr)
           with_rows(std::min(kMr, rows - r), [&](auto R) {
-            value_kernel<R()>(s_.data() + r * kTile, kTile, vt + c, ldv, n,
+            value_kernel<R()>(s_.data() + r * kTile, kTile, vt + c, ldv, visible(q0 + r + R(), t0, n),
                               o_.data() + r * vd_ + c, vd_, corr_.data() + r);
           });
     }
@@ -135,7 +135,13 @@ class Worker {
     }
   }
 
-  void scores(const float* kt, int rows, int n) {
+  // Keys of the n from t0 that rows before `end` may see: under the causal
+  // mask the others weigh exactly 0, and the 8-lane kernels skip them.
+  int visible(int64_t end, int64_t t0, int n) const {
+    return p_.causal ? int(std::max<int64_t>(0, std::min<int64_t>(n, end - t0))) : n;
+  }
+
+  void scores(const float* kt, int64_t q0, int64_t t0, int rows, int n) {
 #if VORTA_AVX512
     if (wide_) {
       // The whole tile in one pass, its first half alone when that is all it holds.
@@ -151,11 +157,13 @@ class Worker {
       return;
     }
 #endif
+    // Scores past a row's visible keys are never read: softmax overwrites them.
     for (int j = 0; j < n; j += 16)
       for (int r = 0; r < rows; r += kMr)
         with_rows(std::min(kMr, rows - r), [&](auto R) {
-          score_kernel<R()>(q_.data() + size_t(r) * kd_, kd_, kt + j, kTile, kd_,
-                            s_.data() + r * kTile + j, kTile);
+          if (j < visible(q0 + r + R(), t0, n))
+            score_kernel<R()>(q_.data() + size_t(r) * kd_, kd_, kt + j, kTile, kd_,
+                              s_.data() + r * kTile + j, kTile);
         });
   }
 
