@@ -73,6 +73,18 @@ out += [kq, vq, k, v, *vorta_addons.moe_softmax_topk(t["logits"], 8, True),
         vorta_addons.sdp(t["dq"], t["dk"], t["dv"], None, 0.088),
         vorta_addons.sdp(t["pq"], t["pk"], t["pv"], None, 0.125)]
 out += [t[name] for name in ("gate", "scores", "attn", "q", "k")]
+# bfloat16 rotation through NaNs (signalling, payload in the low bit), infinities and inf - inf.
+odd = torch.tensor([0x7F81, 0xFFC1 - 65536, 0x7FC3, 0x7F80, 0xFF80 - 65536], dtype=torch.int16)
+for two in (False, True):
+    bq, bk, cos, sin = r(1, 4, 8, 64).bfloat16(), r(1, 2, 8, 64).bfloat16(), r(8, 64).bfloat16(), r(8, 64).bfloat16()
+    bq.view(torch.int16).view(-1)[::97][:5] = odd
+    bk.view(torch.int16).view(-1)[1::53][:5] = odd
+    cos[3, :5], sin[3, :5] = float("inf"), float("-inf")
+    if two:
+        vorta_addons.rotary_two_with_cache_inplaced(bq, bk, cos, sin, True)
+    else:
+        vorta_addons.rotary_half_with_cache_inplaced(bq, bk, cos, sin)
+    out += [bq, bk]
 torch.save(out, PATH)
 """
 

@@ -80,15 +80,16 @@ void expand_pairs(const float* c, const float* s, int64_t stride, int64_t pairs,
 }
 
 // row[i], row[i + half] <- x1*c - x2*s, x2*c + x1*s for i < half; each
-// product and the sum or difference rounded to T.
+// product and the sum or difference rounded to T. The tables hold T values,
+// so every intermediate is arithmetic on T values (round_arith).
 template <typename T>
 void rotate_half_row(T* row, const float* c, const float* s, int64_t half) {
   int64_t i = 0;
   for (; i + 8 <= half; i += 8) {
     const Vec8 x1 = Vec8::load(row + i), x2 = Vec8::load(row + half + i);
     const Vec8 cv = Vec8::load(c + i), sv = Vec8::load(s + i);
-    (round_to<T>(x1 * cv) - round_to<T>(x2 * sv)).store(row + i);
-    (round_to<T>(x2 * cv) + round_to<T>(x1 * sv)).store(row + half + i);
+    store_arith(round_arith<T>(x1 * cv) - round_arith<T>(x2 * sv), row + i);
+    store_arith(round_arith<T>(x2 * cv) + round_arith<T>(x1 * sv), row + half + i);
   }
   for (; i < half; ++i) {
     const float x1 = to_float(row[i]), x2 = to_float(row[half + i]);
@@ -105,7 +106,8 @@ void rotate_pairs_row(T* row, const float* cd, const float* sd, int64_t n) {
   int64_t k = 0;
   for (; k + 8 <= n; k += 8) {
     const Vec8 x = Vec8::load(row + k);
-    (round_to<T>(x * Vec8::load(cd + k)) + round_to<T>(swap_pairs(x) * Vec8::load(sd + k))).store(row + k);
+    store_arith(round_arith<T>(x * Vec8::load(cd + k)) + round_arith<T>(swap_pairs(x) * Vec8::load(sd + k)),
+                row + k);
   }
   for (; k < n; k += 2) {
     const float u = to_float(row[k]), v = to_float(row[k + 1]);

@@ -17,7 +17,8 @@
 //   pow2(n) = 2^n for integral n in [-126, 127]; scale_pow2(x, n) = x * 2^n
 //     through the exponent field, for x and the result normal
 //   swap_pairs(a) (lanes 2i and 2i+1 exchanged), round_to<T>(a) (rounded to T
-//     and back), reduce_add(a), reduce_max(a), broadcast_max(a),
+//     and back), round_arith<T>(a) and store_arith(a, p): the same for results
+//     of arithmetic on T values (NaNs already quiet and fitting T), reduce_add(a), reduce_max(a), broadcast_max(a),
 //     transpose_add(a[8]) (lane t: the sum of a[t]), transpose8(a[8]),
 //     keep_in_register(a) (one load of a widened value feeds several FMAs)
 //   widen_codes<Code>(p): eight 8-bit cache codes as their exact values;

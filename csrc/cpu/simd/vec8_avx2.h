@@ -174,6 +174,33 @@ inline Vec8 round_to(Vec8 a) {
     return a;
 }
 
+// round_to<T> and store for the results of arithmetic on T values: their
+// NaNs are already quiet with a payload that fits T, so the round to nearest
+// keeps them and the NaN fix-up is left out. Same bits as round_to and store.
+template <typename T>
+inline Vec8 round_arith(Vec8 a) {
+  if constexpr (std::is_same_v<T, bf16>) {
+    const __m256i b = _mm256_castps_si256(a.v);
+    const __m256i lsb = _mm256_and_si256(_mm256_srli_epi32(b, 16), _mm256_set1_epi32(1));
+    const __m256i r = _mm256_add_epi32(_mm256_add_epi32(b, _mm256_set1_epi32(0x7fff)), lsb);
+    return {_mm256_castsi256_ps(_mm256_and_si256(r, _mm256_set1_epi32(int(0xffff0000u))))};
+  } else {
+    return round_to<T>(a);
+  }
+}
+
+template <typename T>
+inline void store_arith(Vec8 a, T* p) {
+  if constexpr (std::is_same_v<T, bf16>) {
+    const __m256i r = _mm256_srli_epi32(_mm256_castps_si256(round_arith<bf16>(a).v), 16);
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(p),
+                     _mm_packus_epi32(_mm256_castsi256_si128(r), _mm256_extracti128_si256(r, 1)));
+  } else {
+    a.store(p);
+  }
+}
+
+
 // The float bits of a decoded code, sign << 31 | (m + kOffset) << 20 |
 // 0x40 << 13 plus the exponent rebias, built from the sign-extended byte.
 template <class Code>

@@ -154,6 +154,16 @@ inline Vec8 round_to(Vec8 a) {
   return Vec8::map([&](int i) { return to_float(from_float<T>(a.v[i])); });
 }
 
+template <typename T>
+inline Vec8 round_arith(Vec8 a) {
+  return round_to<T>(a);
+}
+
+template <typename T>
+inline void store_arith(Vec8 a, T* p) {
+  a.store(p);
+}
+
 template <class Code>
 inline Vec8 widen_codes(const uint8_t* p) {
   return Vec8::map([&](int i) { return half_bits_to_float(kv::decode<Code>(p[i])); });
