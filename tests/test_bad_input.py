@@ -2,13 +2,12 @@
 shapes, wrong dtypes, meta tensors, None), each with its exact error, fatal report or result."""
 import math
 from collections import Counter
-from concurrent.futures import ThreadPoolExecutor
 
 import pytest
 import torch
 
 import vorta_addons as va
-from helpers import Canary, assert_fatal, attention_reference
+from helpers import Canary, FatalBatch, attention_reference
 
 PYBIND = "(): incompatible function arguments. The following argument types are supported:"
 FLOAT_HALF = "unsupported dtype, only fp32 and fp16 are supported"
@@ -55,15 +54,6 @@ def nan_row_only(op):
     return check
 
 
-def meta_result(shape):
-    def check(ns):
-        out = ns["out"]
-        outs = out if isinstance(out, tuple) else (out,)
-        assert all(t.device.type == "meta" for t in outs)
-        assert tuple(outs[0].shape) == shape
-    return check
-
-
 def rms_reference(ns):
     x, w = ns["x"].double(), ns["w"].double()
     ref = x * torch.rsqrt((x * x).mean(-1, keepdim=True) + 1e-6) * w
@@ -98,17 +88,15 @@ def rotated_finite_positions(ns):
     assert not ns["q"].isnan().any() and not ns["k"].isnan().any()
 
 
-def rotation_spreads_nan(half):
-    def check(ns):
-        q = ns["q"]
-        assert ns["out"] is None
-        # NaN/Inf stay within the pairs that hold them: a pair partner of element 0 / 1.
-        bad = q.isnan() | q.isinf()
-        assert bad[0, 0, 0].any() and bad[1, 1, 1].any()
-        others = torch.ones(q.shape[:3], dtype=torch.bool)
-        others[0, 0, 0] = others[1, 1, 1] = False
-        assert not bad[others].any()
-    return check
+def rotation_spreads_nan(ns):
+    q = ns["q"]
+    assert ns["out"] is None
+    # NaN/Inf stay within the pairs that hold them: a pair partner of element 0 / 1.
+    bad = q.isnan() | q.isinf()
+    assert bad[0, 0, 0].any() and bad[1, 1, 1].any()
+    others = torch.ones(q.shape[:3], dtype=torch.bool)
+    others[0, 0, 0] = others[1, 1, 1] = False
+    assert not bad[others].any()
 
 
 def cache_rows_spread(ns):
@@ -449,18 +437,13 @@ def test_result(code, outcome):
     outcome(run(code.replace("\nout = ", SNAPSHOT, 1)))
 
 
-_pool = ThreadPoolExecutor(2)
-_fatal_runs = {}
+PRELUDE = "va = vorta_addons\nnan, inf = float('nan'), float('inf')\n"
+FATAL_RUNS = FatalBatch((PRELUDE + p.values[0], *p.values[1]) for p in FATAL)
 
 
-@pytest.mark.parametrize("code,outcome", FATAL)
-def test_fatal(code, outcome):
-    # Every fatal case starts at once, two children at a time; each test waits for its own.
-    if not _fatal_runs:
-        for p in FATAL:
-            _fatal_runs[p.values[0]] = _pool.submit(assert_fatal, "va = vorta_addons\nnan, inf = float('nan'), float('inf')\n"
-                                                    + p.values[0], *p.values[1])
-    _fatal_runs[code].result()
+@pytest.mark.parametrize("index", range(len(FATAL)), ids=[p.id for p in FATAL])
+def test_fatal(index):
+    FATAL_RUNS.wait(index)
 
 
 # ---- in-place operators write inside their views only, whatever the values ------------------
