@@ -65,7 +65,6 @@ def test_dtype_error_and_one_record_per_call():
 @pytest.mark.parametrize("gate,up,expression", [
     ("torch.ones(200)", "torch.ones(200)", "nelem % BS == 0"),
     ("torch.ones(128)", "torch.ones(256)[::2]", "gate.is_contiguous() && up.is_contiguous()"),
-    ("torch.ones(128)", "torch.ones(256)", "gate.numel() == up.numel()"),
     ("torch.ones(128)", "torch.ones(128).half()", "gate.scalar_type() == up.scalar_type()"),
 ])
 def test_fatal_checks(gate, up, expression):

@@ -54,9 +54,7 @@ def test_docstring(name, doc):
 
 
 @pytest.mark.parametrize("call", [
-    lambda: vorta_addons.rms_norm(None, torch.ones(2, 32), 1e-6),
     lambda: vorta_addons.rms_norm(torch.ones(32), None, 1e-6),
-    lambda: vorta_addons.layer_norm(None, None, None, 1e-6),
     lambda: vorta_addons.rms_norm(torch.ones(32), torch.ones(2, 32)),
     lambda: vorta_addons.layer_norm(torch.ones(2, 32), None, None, 1e-5, 1.0),
 ])
@@ -68,12 +66,6 @@ def test_none_and_arity_are_type_errors(call):
 def test_device_queries_need_a_guard_for_the_device_type():
     with pytest.raises(RuntimeError, match="PyTorch is not linked with support for hpu devices"):
         vorta_addons._testing.device_family(torch.device("hpu"))
-
-
-def test_devices_without_kernels_are_refused():
-    x = torch.ones(2, 32, device="meta")
-    with pytest.raises(RuntimeError, match="built without kernels for meta devices"):
-        vorta_addons.rms_norm(torch.ones(32, device="meta"), x, 1e-6)
 
 
 def test_one_profiler_record_per_launch():
