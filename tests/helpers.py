@@ -5,6 +5,7 @@ import signal
 import subprocess
 import sys
 import textwrap
+from concurrent.futures import ThreadPoolExecutor
 
 import torch
 
@@ -41,6 +42,20 @@ def assert_fatal(code, expression, source):
     pattern = rf"{re.escape(source)}:(\d+): Assertion `{re.escape(expression)}' failed\."
     assert re.search(pattern, err), err
     return err
+
+
+class FatalBatch:
+    """assert_fatal for each (code, expression, source) of a module, all started at the first
+    wait, two children at a time."""
+    _pool = ThreadPoolExecutor(2)
+
+    def __init__(self, cases):
+        self.cases, self.runs = list(cases), None
+
+    def wait(self, index):
+        if self.runs is None:
+            self.runs = [self._pool.submit(assert_fatal, *case) for case in self.cases]
+        self.runs[index].result()
 
 
 def count_records(fn, *names):
@@ -88,3 +103,38 @@ def attention_reference(q, k, v, mask, scale, causal=False, softcap=None):
         lq, lk = s.shape[-2:]
         s = s.masked_fill(torch.ones(lq, lk, dtype=torch.bool, device=s.device).triu(1), float("-inf"))
     return torch.softmax(s, -1) @ v
+
+
+def kv_code_values(codes, kind):
+    """The 8-bit cache codes as float64 numbers: (-1)^s 2^(e - bias) (1 + m/8 + 1/16), e = bits 6..3,
+    m = bits 2..0, bias 9 for keys and 12 for values."""
+    c = codes.to(torch.int64)
+    sign = 1.0 - 2.0 * (c >> 7).double()
+    return sign * torch.pow(2.0, ((c >> 3) & 15).double() - {"key": 9, "value": 12}[kind]) * (1.0625 + (c & 7).double() / 8)
+
+
+def assert_as_accurate_as_torch(out, q, k, v, mask, scale, causal=False, softcap=None, kv_half=False):
+    """Error against float64 at most twice plain torch's in q's dtype on out's device (float32: or
+    within 1e-5 of the largest reference value); kv_half: computed from half copies of key and value."""
+    q, k, v, mask = (None if t is None else t.to(out.device) for t in (q, k, v, mask))
+    if kv_half:
+        k, v = k.half(), v.half()
+    ref = attention_reference(q.double(), k.double(), v.double(), mask, scale, causal, softcap)
+    dt = q.dtype
+    same = attention_reference(q, k.to(dt), v.to(dt), None if mask is None else mask.to(dt), scale, causal, softcap)
+    err, torch_err = ((t.double() - ref).abs().max().item() for t in (out, same))
+    bound = 1e-5 * max(1.0, ref.abs().max().item()) if dt == torch.float32 else 0.0
+    assert err <= max(bound, 2 * torch_err), f"{out.device}: error {err:.3g}, torch {torch_err:.3g}"
+    assert out.dtype == dt and out.shape == ref.shape, (out.dtype, out.shape)
+
+
+def same_with_threads(fn, counts=(1, 2)):
+    """fn() under each intra-op thread count must give the same tensor, bit for bit."""
+    saved, results = torch.get_num_threads(), []
+    try:
+        for n in counts:
+            torch.set_num_threads(n)
+            results.append(fn())
+    finally:
+        torch.set_num_threads(saved)
+    assert all(torch.equal(results[0], r) for r in results[1:])

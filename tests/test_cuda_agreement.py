@@ -1,15 +1,6 @@
-"""The CUDA backend against the CPU backend, operator by operator.
-
-Random inputs at awkward sizes (1, 7, 83, 769, block edges +- 1), strided
-views, misaligned bases (which take the kernels' element-wise paths) and
-canaries around everything written in place. Where the arithmetic is fixed
-the two backends must agree bit for bit; the softmax sums in another order
-and agrees to a few ulp.
-
-Runs where the module has CUDA kernels and a GPU is visible. Setting
-VORTA_AGREEMENT_DEVICE=cpu runs it CPU against CPU, which checks the test
-code itself on a machine without a GPU.
-"""
+"""The CUDA backend against the CPU backend, operator by operator, at awkward sizes (1, 7, 83, 769,
+block edges +- 1), on strided and misaligned views with canaries: bit for bit where the arithmetic is
+fixed, within a few ulp for the softmax. VORTA_AGREEMENT_DEVICE=cpu checks the test itself on the CPU."""
 import os
 
 import pytest

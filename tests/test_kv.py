@@ -1,10 +1,5 @@
-"""quantize_key_value / dequantize_key_value against the codes defined by value.
-
-The reference never touches bit patterns: code byte k (sign apart) stands for
-[2^(e - bias) * (1 + m/8), next code) with e = k >> 3, m = k & 7; encoding
-finds the interval of the fp16 magnitude (clamped to codes 0..127), decoding
-returns its midpoint 2^(e - bias) * (1 + m/8 + 1/16).
-"""
+"""quantize_key_value / dequantize_key_value against codes defined by value: code k (sign apart) is
+[2^(e - bias) (1 + m/8), next code), e = k >> 3, m = k & 7; it decodes to the interval's midpoint."""
 import pytest
 import torch
 
