@@ -35,6 +35,14 @@ def on_both(make):
     return cpu, make(OTHER)
 
 
+def agree(make):
+    """make(device)'s tensor, or tensors, the same on both devices."""
+    cpu, other = (out if isinstance(out, (list, tuple)) else [out] for out in on_both(make))
+    assert len(cpu) == len(other)
+    for a, b in zip(cpu, other):
+        same(a, b)
+
+
 def randn(shape, dtype, device, scale=1.0, shift=0.0):
     """Drawn on the CPU, so both devices see the same values."""
     return (torch.randn(shape) * scale + shift).to(dtype).to(device)
@@ -68,8 +76,7 @@ def test_norms(rows, hidden, dtype, offset):
         assert torch.equal(x, x0)
         return out
 
-    for a, b in zip(*on_both(run)):
-        same(a, b)
+    agree(run)
 
 
 # --- gated SiLU ---------------------------------------------------------------
@@ -92,7 +99,7 @@ def test_silu_mul(blocks, dtype, offset):
         canary.check()
         return gate
 
-    same(*on_both(run))
+    agree(run)
 
 
 # --- repetition penalty -------------------------------------------------------
@@ -114,7 +121,7 @@ def test_repetition_penalty(bsz, vocab, seq_len, dtype):
         canary.check()
         return scores
 
-    same(*on_both(run))
+    agree(run)
 
 
 def test_penalty_skips_ids_outside_the_vocabulary():
@@ -188,8 +195,7 @@ def test_rotary_inv_freq(every_two, head_dim, dtype, bsz, seq, pad):
         qc.check(), kc.check()
         return q, k
 
-    for a, b in zip(*on_both(run)):
-        same(a, b)
+    agree(run)
 
 
 @pytest.mark.parametrize("rotary_dim", [2, 22, 37, 64, 128])
@@ -210,8 +216,7 @@ def test_rotary_with_cache(rotary_dim, kind, dtype, bsz, seq, pad):
         qc.check(), kc.check()
         return q, k
 
-    for a, b in zip(*on_both(run)):
-        same(a, b)
+    agree(run)
 
 
 # --- 8-bit key/value caches ---------------------------------------------------
@@ -244,8 +249,7 @@ def test_kv_round_trip(key_dim, value_dim, dtype, bsz, heads, seq, pad):
             c.check()
         return out
 
-    for a, b in zip(*on_both(run)):
-        same(a, b)
+    agree(run)
 
 
 # --- mixture-of-experts routing -----------------------------------------------
@@ -265,8 +269,7 @@ def test_moe_softmax_topk(tokens, n_experts, top_k, dtype, renormalize):
             logits[1, 2] = float("nan")  # a NaN row: expert 0 everywhere
         return vorta_addons.moe_softmax_topk(logits, top_k, renormalize)
 
-    for a, b in zip(*on_both(run)):
-        same(a, b)
+    agree(run)
 
 
 @pytest.mark.parametrize("tokens", [1, 7, 83, 769])
@@ -286,8 +289,7 @@ def test_moe_group_topk(tokens, n_experts, n_groups, topk_group, top_k, bias, re
         b = None if bias is None else (torch.randn(n_experts) * 0.1).to(bias).to(device)
         return vorta_addons.moe_group_topk(scores, b, n_groups, topk_group, 0, top_k, renormalize, 1e-20, 2.5)
 
-    for a, b in zip(*on_both(run)):
-        same(a, b)
+    agree(run)
 
 
 # --- launches -----------------------------------------------------------------
