@@ -88,18 +88,6 @@ SDP_CASES = [
 ]
 
 
-@pytest.mark.parametrize("dtype,bsz,heads,kv_heads,q_len,kv_len,head_dim,mask,strided,fam,kernels", SDP_CASES)
-def test_sdp(dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, strided, fam, kernels, family, on):
-    family(fam)
-    q, k, v, m = make_inputs(dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, strided, device=on)
-    before = [t.clone() for t in (q, k, v)]
-    out = []
-    assert count_records(lambda: out.append(vorta_addons.sdp(q, k, v, m, 7.0)), *KERNELS) == \
-        {n: kernels.get(n, 0) for n in KERNELS}
-    assert_accurate(out[0], q, k, v, m, 1 / math.sqrt(head_dim))
-    assert all(torch.equal(a, b) for a, b in zip(before, (q, k, v)))
-
-
 # Single pass with the caller's scale; grouped with 1/sqrt(head_dim).
 FP8_CASES = [
     (torch.float16, 1, 8, 8, 1, 1, 64, None, False, OTHER, {"mha fp8 kernel": 1}),
@@ -117,14 +105,18 @@ def fp8_case(dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, strided
     return q, k, v, m, kv_code_values(k, "key").to(dtype), kv_code_values(v, "value").to(dtype)
 
 
-@pytest.mark.parametrize("dtype,bsz,heads,kv_heads,q_len,kv_len,head_dim,mask,strided,fam,kernels", FP8_CASES)
-def test_sdp_fp8(dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, strided, fam, kernels, family, on):
+@pytest.mark.parametrize("fp8,dtype,bsz,heads,kv_heads,q_len,kv_len,head_dim,mask,strided,fam,kernels",
+                         [(False, *c) for c in SDP_CASES] + [(True, *c) for c in FP8_CASES])
+def test_decode(fp8, dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, strided, fam, kernels, family, on):
     family(fam)
-    q, k, v, m, kd, vd = fp8_case(dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, strided, device=on)
-    out = []
-    assert count_records(lambda: out.append(vorta_addons.sdp_fp8(q, k, v, m, 0.07)), *KERNELS) == \
+    q, k, v, m = make_inputs(dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, strided, fp8=fp8, device=on)
+    before, out = [t.clone() for t in (q, k, v)], []
+    op = vorta_addons.sdp_fp8 if fp8 else vorta_addons.sdp  # sdp ignores the scale argument
+    assert count_records(lambda: out.append(op(q, k, v, m, 0.07 if fp8 else 7.0)), *KERNELS) == \
         {n: kernels.get(n, 0) for n in KERNELS}
-    assert_accurate(out[0], q, kd, vd, m, 1 / math.sqrt(head_dim) if kernels is GQA else 0.07)
+    kd, vd = (kv_code_values(k, "key").to(dtype), kv_code_values(v, "value").to(dtype)) if fp8 else (k, v)
+    assert_accurate(out[0], q, kd, vd, m, 0.07 if fp8 and kernels is not GQA else 1 / math.sqrt(head_dim))
+    assert all(torch.equal(a, b) for a, b in zip(before, (q, k, v)))
 
 
 def test_every_code_decodes_exactly(on):
