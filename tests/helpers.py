@@ -89,6 +89,29 @@ def canary_view(shape, dtype, make_view, fill=-7.0, device="cpu"):
     return view, Canary(base, view)
 
 
+def kv_round_trip(key, value, pad=0):
+    """Codes of [b, h, s, d] key and value into windows of longer caches (rows from element `pad`), then,
+    for equal head sizes, back into views of one [b, s, 2h, d + 16 + pad] buffer; nothing around any
+    window may change. Returns the codes and, where decoded, the values."""
+    import vorta_addons
+    (bsz, heads, seq, key_dim), value_dim, device = key.shape, value.shape[3], key.device
+    kbase, vbase = (torch.full((bsz, heads, seq + 9, d + pad), 0x5A, dtype=torch.uint8, device=device)
+                    for d in (key_dim, value_dim))
+    kq, vq = kbase[:, :, 4:4 + seq, pad:], vbase[:, :, 4:4 + seq, pad:]
+    canaries = [Canary(kbase, kq), Canary(vbase, vq)]
+    vorta_addons.quantize_key_value(key, value, kq, vq)
+    out = [kq, vq]
+    if key_dim == value_dim:
+        cols = slice(8 + pad, 8 + pad + key_dim)
+        obase = torch.full((bsz, seq, 2 * heads, key_dim + 16 + pad), -3.0, dtype=key.dtype, device=device)
+        out += [obase[:, :, :heads, cols].transpose(1, 2), obase[:, :, heads:, cols].transpose(1, 2)]
+        canaries.append(Canary(obase, obase[:, :, :, cols]))
+        vorta_addons.dequantize_key_value(kq, vq, *out[2:])
+    for c in canaries:
+        c.check()
+    return out
+
+
 def attention_reference(q, k, v, mask, scale, causal=False, softcap=None):
     """softmax(scale q.k^T (soft-capped) + mask) v in q's dtype on q's device: GQA by repeating
     key/value heads, causal rows aligned top-left (row i sees keys 0 .. i)."""

@@ -8,7 +8,7 @@ import torch
 
 import vorta_addons
 from conftest import CUDA_GROUPS, GPU
-from helpers import Canary, count_records
+from helpers import Canary, count_records, kv_round_trip
 
 OTHER = os.environ.get("VORTA_AGREEMENT_DEVICE", "cuda")
 if OTHER == "cuda" and not GPU:
@@ -228,26 +228,11 @@ def test_kv_round_trip(key_dim, value_dim, dtype, bsz, heads, seq, pad):
     needs("kv_cache")
 
     def run(device):
-        # [b, s, h, d] projections seen as [b, h, s, d]; codes into a window of a longer cache.
+        # [b, s, h, d] projections seen as [b, h, s, d]
         key = randn((bsz, seq, heads, key_dim + pad), dtype, device, 40.0)[..., pad:].transpose(1, 2)
         value = randn((bsz, seq, heads, value_dim + pad), dtype, device, 4.0)[..., pad:].transpose(1, 2)
         key[..., :4] = torch.tensor([0.0, -0.0, 1e5 if dtype == torch.float32 else 6e4, 1e-9])
-        kbase = torch.full((bsz, heads, seq + 9, key_dim + pad), 0x5A, dtype=torch.uint8, device=device)
-        vbase = torch.full((bsz, heads, seq + 9, value_dim + pad), 0x5A, dtype=torch.uint8, device=device)
-        kq, vq = kbase[:, :, 4:4 + seq, pad:], vbase[:, :, 4:4 + seq, pad:]
-        canaries = [Canary(kbase, kq), Canary(vbase, vq)]
-        vorta_addons.quantize_key_value(key, value, kq, vq)
-        out = [kq, vq]
-        if key_dim == value_dim:
-            obase = torch.full((bsz, seq, 2 * heads, key_dim + 16 + pad), -3.0, dtype=dtype, device=device)
-            kout = obase[:, :, :heads, 8 + pad:8 + pad + key_dim].transpose(1, 2)
-            vout = obase[:, :, heads:, 8 + pad:8 + pad + key_dim].transpose(1, 2)
-            canaries.append(Canary(obase, obase[:, :, :, 8 + pad:8 + pad + key_dim]))
-            vorta_addons.dequantize_key_value(kq, vq, kout, vout)
-            out += [kout, vout]
-        for c in canaries:
-            c.check()
-        return out
+        return kv_round_trip(key, value, pad)
 
     agree(run)
 
