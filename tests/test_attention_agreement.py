@@ -27,6 +27,20 @@ def on_both(run):
     return run("cpu"), run(OTHER)
 
 
+KERNELS = ("mha kernel", "mha fp8 kernel", "mha unbalanced fp8 kernel", "gqa kernel 1/2", "gqa kernel 2/2",
+           "sdp vec kernel", "sdp sysa kernel")
+
+
+def launched_on_both(op, views, scale, expect):
+    """op(*views, scale) on both devices, each call launching the kernels in `expect` once."""
+    def run(device):
+        out, args = [], views.on(device)
+        counts = count_records(lambda: out.append(op(*args, scale)), *KERNELS)
+        assert counts == {n: int(n in expect) for n in KERNELS}
+        return out[0]
+    return on_both(run)
+
+
 class Views:
     """CPU tensors moved to a device whole and cut into views there: Tensor.to would make a
     non-dense view contiguous, and every device must see the same strides."""
@@ -113,18 +127,9 @@ def test_decode(family, dtype, cdtype, bsz, heads, kv_heads, q_len, kv_len, d, d
                and not (fp8 and d != dv))
     # sdp scales by 1/sqrt(head_dim); sdp_fp8 by the caller's scale, except on the grouped pair.
     scale = 1 / math.sqrt(d) if not fp8 or grouped else 0.05
-    names = ("mha kernel", "mha fp8 kernel", "mha unbalanced fp8 kernel", "gqa kernel 1/2", "gqa kernel 2/2")
-    expect = ({"gqa kernel 1/2": 1, "gqa kernel 2/2": 1} if grouped else
-              {"mha unbalanced fp8 kernel" if d != dv else "mha fp8 kernel" if fp8 else "mha kernel": 1})
-
-    def run(device):
-        out = []
-        args = views.on(device)
-        counts = count_records(lambda: out.append(op(*args, 0.05)), *names)
-        assert counts == {n: expect.get(n, 0) for n in names}
-        return out[0]
-
-    assert_both_accurate(on_both(run), q, k, v, m, scale)
+    expect = (("gqa kernel 1/2", "gqa kernel 2/2") if grouped else
+              ("mha unbalanced fp8 kernel" if d != dv else "mha fp8 kernel" if fp8 else "mha kernel",))
+    assert_both_accurate(launched_on_both(op, views, 0.05, expect), q, k, v, m, scale)
 
 
 @pytest.mark.skipif(OTHER == "cpu", reason="the CPU backend divides 0 by 0 here")
@@ -211,17 +216,8 @@ def test_prefill(family, dtype, cdtype, bsz, heads, kv_heads, q_len, kv_len, d, 
     op = {(False, False): vorta_addons.sdp_non_causal, (False, True): vorta_addons.sdp_causal,
           (True, False): vorta_addons.sdp_fp8_non_causal, (True, True): vorta_addons.sdp_fp8_causal}[fp8, causal]
     matrix = fam in (KESTREL, LARK) and d in (64, 80, 128)
-    names = ("sdp vec kernel", "sdp sysa kernel")
-    ran = "sdp sysa kernel" if matrix else "sdp vec kernel"
-
-    def run(device):
-        out = []
-        args = views.on(device)
-        counts = count_records(lambda: out.append(op(*args, 0.125)), *names)
-        assert counts == {n: int(n == ran) for n in names}
-        return out[0]
-
-    assert_both_accurate(on_both(run), q, k, v, effective, 0.125, causal, kv_half=matrix and dtype == F32)
+    outs = launched_on_both(op, views, 0.125, ("sdp sysa kernel" if matrix else "sdp vec kernel",))
+    assert_both_accurate(outs, q, k, v, effective, 0.125, causal, kv_half=matrix and dtype == F32)
 
 
 @pytest.mark.parametrize("causal", [False, True])
