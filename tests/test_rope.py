@@ -14,22 +14,14 @@ BSZ, SEQ, HEADS, KV_HEADS = 3, 7, 4, 2
 
 def rotate(x, c, s, every_two, rotary_dim):
     """x rotated over its first rotary_dim elements; c, s broadcast over pairs."""
-    half = rotary_dim // 2
-    out = x.clone()
-    if every_two:
-        a, b = x[..., 0:2 * half:2], x[..., 1:2 * half:2]
-        out[..., 0:2 * half:2] = a * c - b * s
-        out[..., 1:2 * half:2] = b * c + a * s
-    else:
-        a, b = x[..., :half], x[..., half:2 * half]
-        out[..., :half] = a * c - b * s
-        out[..., half:2 * half] = b * c + a * s
+    half, out = rotary_dim // 2, x.clone()
+    i, j = (slice(0, 2 * half, 2), slice(1, 2 * half, 2)) if every_two else (slice(0, half), slice(half, 2 * half))
+    out[..., i], out[..., j] = x[..., i] * c - x[..., j] * s, x[..., j] * c + x[..., i] * s
     return out
 
 
 def qk_views(head_dim, dtype, seed, bsz=BSZ, seq=SEQ, heads=HEADS, kv_heads=KV_HEADS, device="cpu"):
-    """query/key as [bsz, heads, seq, head_dim] windows of [bsz, seq, heads + 1, head_dim + 8]
-    projections (odd element offset, padded rows), with canaries on the projections."""
+    """query/key as [bsz, heads, seq, head_dim] windows (odd offset, padded rows) of projections, with canaries."""
     g = torch.Generator().manual_seed(seed)
     views = []
     for h in (heads, kv_heads):
