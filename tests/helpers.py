@@ -22,9 +22,7 @@ CUDA_SOURCE_GROUPS = {
 
 
 def run_fatal(code):
-    """Runs `code` after `import torch, vorta_addons` in a child interpreter.
-
-    Returns (returncode, stderr)."""
+    """(returncode, stderr) of `code` run after `import torch, vorta_addons` in a child interpreter."""
     prelude = "import torch\nimport vorta_addons\n"
     env = dict(os.environ)
     env["PYTHONPATH"] = os.pathsep.join(p for p in (BUILD_DIR, env.get("PYTHONPATH")) if p)
@@ -45,8 +43,7 @@ def assert_fatal(code, expression, source):
 
 
 class FatalBatch:
-    """assert_fatal for each (code, expression, source) of a module, all started at the first
-    wait, two children at a time."""
+    """assert_fatal of each (code, expression, source), all started at the first wait, two at a time."""
     _pool = ThreadPoolExecutor(2)
 
     def __init__(self, cases):
@@ -113,8 +110,7 @@ def kv_round_trip(key, value, pad=0):
 
 
 def attention_reference(q, k, v, mask, scale, causal=False, softcap=None):
-    """softmax(scale q.k^T (soft-capped) + mask) v in q's dtype on q's device: GQA by repeating
-    key/value heads, causal rows aligned top-left (row i sees keys 0 .. i)."""
+    """softmax(scale q.k^T (soft-capped) + mask) v in q's dtype; GQA by repeating heads, causal top-left."""
     group = q.shape[1] // k.shape[1]
     k, v = k.to(q.dtype).repeat_interleave(group, 1), v.to(q.dtype).repeat_interleave(group, 1)
     s = scale * (q @ k.transpose(-1, -2))
@@ -129,8 +125,7 @@ def attention_reference(q, k, v, mask, scale, causal=False, softcap=None):
 
 
 def kv_code_values(codes, kind):
-    """The 8-bit cache codes as float64 numbers: (-1)^s 2^(e - bias) (1 + m/8 + 1/16), e = bits 6..3,
-    m = bits 2..0, bias 9 for keys and 12 for values."""
+    """8-bit codes as float64: (-1)^s 2^(e - bias) (1 + m/8 + 1/16), e = bits 6..3, bias 9 / 12 (key / value)."""
     c = codes.to(torch.int64)
     sign = 1.0 - 2.0 * (c >> 7).double()
     return sign * torch.pow(2.0, ((c >> 3) & 15).double() - {"key": 9, "value": 12}[kind]) * (1.0625 + (c & 7).double() / 8)

@@ -57,8 +57,7 @@ class Views:
 
 
 def fused(views, b, h_q, h_kv, n, d, dtype, gen, q_len=None):
-    """q, k, v as strided views of one [b, n, h_q + 2 h_kv, d] projection, the layout a
-    fused QKV projection leaves; q keeps the last q_len tokens."""
+    """q, k, v as views of one fused [b, n, h_q + 2 h_kv, d] projection; q keeps the last q_len tokens."""
     q_len = q_len or n
     base = torch.randn(b, n, h_q + 2 * h_kv, d, generator=gen).to(dtype)
     views.add(base, lambda t: t[:, n - q_len:, :h_q].transpose(1, 2))
@@ -184,9 +183,8 @@ PREFILL = [
 
 
 def prefill_mask(views, kind, bsz, heads, q_len, kv_len, dtype, gen):
-    """Adds a mask as the operators take it as it is: padded to a multiple of 128 keys (the
-    padding holds 7.0, never read), per head or one head broadcast; returns the mask the
-    reference applies."""
+    """Adds a mask padded to a multiple of 128 keys (7.0, never read), per head or broadcast; returns
+    the mask the reference applies."""
     if kind is None:
         views.add(None)
         return None

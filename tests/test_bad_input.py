@@ -449,8 +449,7 @@ def test_fatal(index):
 # ---- in-place operators write inside their views only, whatever the values ------------------
 
 def strided(shape, pad, dtype=torch.float32, fill=3.0):
-    """A [b, h, s, d] view of a [b, s, h + 1, d + 2 pad] buffer filled with `fill`
-    (odd offsets, padded rows), its canary, and the view filled with random values."""
+    """A random [b, h, s, d] view of a [b, s, h + 1, d + 2 pad] buffer of `fill`, and its canary."""
     b, h, s, d = shape
     base = torch.full((b, s, h + 1, d + 2 * pad), fill, dtype=dtype)
     view = base[:, :, 1:, pad:pad + d].transpose(1, 2)

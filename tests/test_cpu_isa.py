@@ -1,5 +1,4 @@
-"""VORTA_CPU_ISA: the CPU kernels' instruction set, read once, capped by the CPU; every
-build computes the same bits."""
+"""VORTA_CPU_ISA picks the CPU kernels' instruction set, capped by the CPU; every build gives the same bits."""
 import os
 import subprocess
 import sys

@@ -49,8 +49,7 @@ def randn(shape, dtype, device, scale=1.0, shift=0.0):
 
 
 def window(base, offset, shape):
-    """A dense `shape` view starting `offset` elements into a flat base: an
-    odd offset leaves it off the 16-byte grid."""
+    """A dense `shape` view `offset` elements into a flat base (odd: off the 16-byte grid)."""
     n = 1
     for s in shape:
         n *= s
@@ -168,8 +167,7 @@ def test_attn_softmax(n, dtype):
 # --- rotary -------------------------------------------------------------------
 
 def projections(bsz, seq, heads, kv_heads, head_dim, dtype, device, pad=16):
-    """query/key as [bsz, heads, seq, head_dim] views of a [bsz, seq, heads, head_dim + pad]
-    projection starting pad // 2 elements in (off the 16-byte grid when pad is odd), with canaries."""
+    """query/key views pad // 2 elements into [bsz, seq, heads, head_dim + pad] projections, with canaries."""
     views = []
     for h in (heads, kv_heads):
         base = randn((bsz, seq, h, head_dim + pad), dtype, device)

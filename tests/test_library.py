@@ -45,8 +45,7 @@ def codes(*shape, device):
 
 
 def cases(device):
-    """(operator, arguments, device family or None) for every operator: odd lengths, a
-    grouped-query layout, masks, both prefill paths, the unbalanced 8-bit decode."""
+    """(operator, arguments, device family or None) for every operator, both prefill paths included."""
     r = lambda *s: torch.randn(*s, device=device)  # noqa: E731
     q, k, v = r(1, 4, 33, 64), r(1, 2, 33, 64), r(1, 2, 33, 64)
     k8, v8 = codes(1, 2, 33, 64, device=device), codes(1, 2, 33, 64, device=device)

@@ -85,8 +85,7 @@ CACHE_KINDS = ["half", "two_half_layout", "two_interleaved"]
 
 
 def cache_tables(rotary_dim, kind, dtype, g):
-    """cos/sin [SEQ, rotary_dim] with 3.0 wherever the kind must not read,
-    and the [SEQ, rotary_dim/2] factors it must use."""
+    """cos/sin [SEQ, rotary_dim], 3.0 where the kind must not read, and the factors it must use."""
     half = rotary_dim // 2
     angle = torch.rand(SEQ, half, generator=g, dtype=torch.float64) * 100
     c, s = angle.cos().to(dtype), angle.sin().to(dtype)

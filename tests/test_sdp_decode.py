@@ -31,8 +31,7 @@ def on(device, lanes):
 
 
 def assert_accurate(out, q, k, v, mask, scale):
-    """fp32: 1e-5 relative to the float64 result; fp16: at most twice the error of plain fp16
-    torch on the result's device."""
+    """fp32: within 1e-5 relative to float64; fp16: at most twice plain fp16 torch's error on out's device."""
     q, k, v, mask = (None if t is None else t.to(out.device) for t in (q, k, v, mask))
     ref = attention_reference(q.double(), k, v, mask, scale)
     assert out.shape == ref.shape and out.dtype == q.dtype and out.is_contiguous()
