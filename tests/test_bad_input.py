@@ -7,7 +7,7 @@ import pytest
 import torch
 
 import vorta_addons as va
-from helpers import Canary, FatalBatch, attention_reference
+from helpers import Canary, FatalBatch, attention_reference, canary_view
 
 PYBIND = "(): incompatible function arguments. The following argument types are supported:"
 FLOAT_HALF = "unsupported dtype, only fp32 and fp16 are supported"
@@ -476,8 +476,7 @@ def test_rotary_stays_in_strided_views(op):
 
 
 def test_silu_mul_stays_in_its_slice():
-    base = torch.full((3 * 128,), 3.0)
-    gate, canary = base[128:256], Canary(base, base[128:256])
+    gate, canary = canary_view((3 * 128,), torch.float32, lambda t: t[128:256], fill=3.0)
     gate.copy_(torch.randn(128))
     gate[:3] = torch.tensor([math.nan, math.inf, -math.inf])
     va.mlp_silu_mul_inplaced(gate, torch.randn(128))
@@ -502,17 +501,15 @@ def test_kv_conversion_writes_inside_output_views(direction):
 
 @pytest.mark.parametrize("bad", [None, -1, 50, 2 ** 40])
 def test_penalty_writes_only_named_logits(bad):
-    base = torch.full((3, 64), 3.0)
-    scores = base[:2, 7:57]  # vocab 50, row stride 64
-    canary = Canary(base, scores)
+    scores, canary = canary_view((3, 64), torch.float32, lambda t: t[:2, 7:57], fill=3.0)  # vocab 50, row stride 64
     scores.copy_(torch.randn(2, 50))
     ids = torch.tensor([[0, 49, 49, 3], [49, 0, 5, 0]])
     if bad is not None:
         ids[1, 3] = bad
-        before = base.clone()
+        before = canary.base.clone()
         with pytest.raises(RuntimeError, match=r"^input_ids must lie in \[0, vocab\) = \[0, 50\), got "):
             va.repetition_penalty_logits_process_inplaced(scores, ids, 1.5)
-        assert torch.equal(base, before)  # refused before anything was written
+        assert torch.equal(canary.base, before)  # refused before anything was written
         return
     expected = scores.clone()
     for b, cols in enumerate(([0, 3, 49], [0, 5, 49])):
@@ -524,9 +521,7 @@ def test_penalty_writes_only_named_logits(bad):
 
 
 def test_softmax_stays_in_its_slice():
-    base = torch.full((4, 3, 40), 3.0)
-    attn = base[1:3]
-    canary = Canary(base, attn)
+    attn, canary = canary_view((4, 3, 40), torch.float32, lambda t: t[1:3], fill=3.0)
     attn.copy_(torch.randn(2, 3, 40))
     attn[0, 0, 0] = math.nan
     va.attn_softmax_inplaced(attn)
