@@ -109,6 +109,40 @@ def kv_round_trip(key, value, pad=0):
     return out
 
 
+def every_operator_inputs(seed, device):
+    """Inputs of one call of every operator outside attention, small, on `device`."""
+    g = torch.Generator().manual_seed(seed)
+    r = lambda *shape: torch.randn(*shape, generator=g).to(device)  # noqa: E731
+    cos = r(8, 128)
+    return {
+        "x": r(8, 4096).half(), "w": r(4096).half(), "g": r(8, 1024), "u": r(8, 1024),
+        "scores": r(2, 1000), "ids": torch.randint(0, 1000, (2, 50), generator=g).to(device),
+        "attn": r(1, 4, 3, 300), "q": r(1, 32, 8, 128).half(), "k": r(1, 8, 8, 128).half(),
+        "inv": (1.0 / 10000 ** (torch.arange(0, 128, 2) / 128)).half().to(device),
+        "pos": torch.arange(8).view(1, 8).to(device), "cos": cos.half(), "sin": cos.half().flip(0),
+        "kq": torch.empty(1, 8, 8, 128, dtype=torch.uint8, device=device),
+        "vq": torch.empty(1, 8, 8, 128, dtype=torch.uint8, device=device),
+        "logits": r(16, 256), "routing": r(16, 256).sigmoid(),
+    }
+
+
+def every_operator(t):
+    """Calls every operator outside attention on every_operator_inputs; returns all results."""
+    import vorta_addons as va
+    out = [va.rms_norm(t["w"], t["x"], 1e-6), va.layer_norm(t["x"], t["w"], t["w"], 1e-5)]
+    va.mlp_silu_mul_inplaced(t["g"], t["u"])
+    va.repetition_penalty_logits_process_inplaced(t["scores"], t["ids"], 1.3)
+    va.attn_softmax_inplaced(t["attn"])
+    va.rotary_half_inplaced(t["inv"], t["pos"], t["q"], t["k"])
+    va.rotary_two_with_cache_inplaced(t["q"], t["k"], t["cos"], t["sin"], False)
+    va.quantize_key_value(t["k"], t["q"][:, :8], t["kq"], t["vq"])
+    k, v = torch.empty_like(t["k"]), torch.empty_like(t["k"])
+    va.dequantize_key_value(t["kq"], t["vq"], k, v)
+    out += [k, v, *va.moe_softmax_topk(t["logits"], 8, True),
+            *va.moe_group_topk(t["routing"], None, 8, 4, 0, 8, True, 1e-20, 2.5)]
+    return out + [t[name] for name in ("g", "scores", "attn", "q", "k", "kq", "vq")]
+
+
 def attention_reference(q, k, v, mask, scale, causal=False, softcap=None):
     """softmax(scale q.k^T (soft-capped) + mask) v in q's dtype; GQA by repeating heads, causal top-left."""
     group = q.shape[1] // k.shape[1]

@@ -8,7 +8,7 @@ import torch
 
 import vorta_addons
 from conftest import CUDA_GROUPS, GPU
-from helpers import Canary, count_records, kv_round_trip
+from helpers import Canary, count_records, every_operator, every_operator_inputs, kv_round_trip
 
 OTHER = os.environ.get("VORTA_AGREEMENT_DEVICE", "cuda")
 if OTHER == "cuda" and not GPU:
@@ -284,38 +284,6 @@ def test_one_record_per_launch_on_the_device():
     assert count_records(lambda: vorta_addons.attn_softmax_inplaced(x), name) == {name: 1}
 
 
-def graph_inputs(seed):
-    """Inputs of one call of every operator, small and on the GPU."""
-    g = torch.Generator().manual_seed(seed)
-    r = lambda *shape: torch.randn(*shape, generator=g).cuda()
-    cos = r(8, 128)
-    return {
-        "x": r(8, 4096).half(), "w": r(4096).half(), "g": r(8, 1024), "u": r(8, 1024),
-        "scores": r(2, 1000), "ids": torch.randint(0, 1000, (2, 50), generator=g).cuda(),
-        "attn": r(1, 4, 1, 300), "q": r(1, 32, 8, 128).half(), "k": r(1, 8, 8, 128).half(),
-        "inv": (1.0 / 10000 ** (torch.arange(0, 128, 2) / 128)).half().cuda(),
-        "pos": torch.arange(8).view(1, 8).cuda(), "cos": cos.half(), "sin": cos.half().flip(0),
-        "kq": torch.empty(1, 8, 8, 128, dtype=torch.uint8, device="cuda"),
-        "vq": torch.empty(1, 8, 8, 128, dtype=torch.uint8, device="cuda"),
-        "logits": r(16, 256), "routing": r(16, 256).sigmoid(),
-    }
-
-
-def every_operator(t):
-    out = [vorta_addons.rms_norm(t["w"], t["x"], 1e-6), vorta_addons.layer_norm(t["x"], t["w"], t["w"], 1e-5)]
-    vorta_addons.mlp_silu_mul_inplaced(t["g"], t["u"])
-    vorta_addons.repetition_penalty_logits_process_inplaced(t["scores"], t["ids"], 1.3)
-    vorta_addons.attn_softmax_inplaced(t["attn"])
-    vorta_addons.rotary_half_inplaced(t["inv"], t["pos"], t["q"], t["k"])
-    vorta_addons.rotary_two_with_cache_inplaced(t["q"], t["k"], t["cos"], t["sin"], False)
-    vorta_addons.quantize_key_value(t["k"], t["k"], t["kq"], t["vq"])
-    k, v = torch.empty_like(t["k"]), torch.empty_like(t["k"])
-    vorta_addons.dequantize_key_value(t["kq"], t["vq"], k, v)
-    out += [k, v, *vorta_addons.moe_softmax_topk(t["logits"], 8, True),
-            *vorta_addons.moe_group_topk(t["routing"], None, 8, 4, 0, 8, True, 1e-20, 2.5)]
-    return out + [t[name] for name in ("g", "scores", "attn", "q", "k")]
-
-
 def test_every_operator_replays_in_a_cuda_graph():
     # Capture fails on any launch outside the capturing (current) stream and on
     # any host synchronisation; the replay must compute what eager calls do.
@@ -323,17 +291,17 @@ def test_every_operator_replays_in_a_cuda_graph():
         pytest.skip("CUDA graphs only")
     for group in ("norm", "elementwise", "rotary", "kv_cache", "moe"):
         needs(group)
-    expected = every_operator(graph_inputs(5))
-    static = graph_inputs(5)
+    expected = every_operator(every_operator_inputs(5, "cuda"))
+    static = every_operator_inputs(5, "cuda")
     side = torch.cuda.Stream()
     side.wait_stream(torch.cuda.current_stream())
     with torch.cuda.stream(side):
-        every_operator(graph_inputs(6))  # warm-up outside the capture
+        every_operator(every_operator_inputs(6, "cuda"))  # warm-up outside the capture
     torch.cuda.current_stream().wait_stream(side)
     graph = torch.cuda.CUDAGraph()
     with torch.cuda.graph(graph):
         out = every_operator(static)
-    for name, value in graph_inputs(5).items():  # capture ran nothing; start from the inputs
+    for name, value in every_operator_inputs(5, "cuda").items():  # capture ran nothing; start from the inputs
         static[name].copy_(value)
     graph.replay()
     torch.cuda.synchronize()
