@@ -47,8 +47,7 @@ def pytest_report_header(config):
 
 @pytest.fixture(params=DEVICES)
 def device(request):
-    """Each device the build has kernels for; on CUDA only where the module's GROUP (a name
-    or a tuple of names) has CUDA kernels."""
+    """Each device with kernels; CUDA only where the module's GROUP (name or tuple) has CUDA kernels."""
     group = getattr(request.module, "GROUP", None)
     missing = [g for g in (group if isinstance(group, tuple) else (group,)) if g not in CUDA_GROUPS]
     if request.param == "cuda" and missing:

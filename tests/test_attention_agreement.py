@@ -1,75 +1,25 @@
-"""Decode and prefill attention on the CUDA backend beside the CPU backend.
-
-Both devices run every case from the same inputs, and each result must be
-as accurate as PyTorch's own attention in the query's dtype: its largest
-error against a float64 reference at most twice PyTorch's (float32: within
-1e-5 of the largest reference value, whichever bound is looser). The cases
-sit on the kernels' edges: key lengths around tile and split sizes (1, 31,
-32, 33, 127, 128, 129, 4097), GQA groups 1, 4 and 8, batches, masks with
-broadcast strides, strided views of fused projections, every head size, the
-8-bit caches and both prefill paths.
-
-Runs where the module has CUDA kernels and a GPU is visible; with
-VORTA_AGREEMENT_DEVICE=cpu it runs CPU beside CPU, which checks the test
-itself on a machine without a GPU.
-"""
+"""Decode and prefill attention on the CUDA backend beside the CPU backend, each as accurate as
+PyTorch's own attention in the query's dtype, at the kernels' edges (key lengths around tile and
+split sizes, GQA groups, broadcast masks, fused-projection views, 8-bit caches, both prefill paths).
+VORTA_AGREEMENT_DEVICE=cpu runs it CPU beside CPU, checking the test itself without a GPU."""
 import math
-import os
 
 import pytest
 import torch
 
 import vorta_addons
-from conftest import CUDA_GROUPS, GPU
-from helpers import attention_reference as attention, count_records
-
-OTHER = os.environ.get("VORTA_AGREEMENT_DEVICE", "cuda")
-if OTHER == "cuda" and not GPU:
-    pytest.skip("no GPU, or no CUDA backend in this build", allow_module_level=True)
+from helpers import assert_as_accurate_as_torch, count_records, kv_code_values
+from test_cuda_agreement import OTHER, needs
 
 KESTREL, LARK, OTHER_FAMILY = 0, 5, 7
 F32, F16, U8 = torch.float32, torch.float16, torch.uint8
 
 
-def needs(group):
-    if OTHER == "cuda" and group not in CUDA_GROUPS:
-        pytest.skip(f"this build has no CUDA kernels for {group}")
-
-
-def decode_codes(codes, offset):
-    """The 8-bit cache codes' fp16 values: ((c&0x80)<<8) | (((c&0x7f)+OFF)<<7) | 0x40."""
-    c = codes.to(torch.int32)
-    return ((((c & 0x80) << 8) | (((c & 0x7F) + offset) << 7) | 0x40).to(torch.int16)
-            .view(torch.float16))
-
-
-def keys_of(k):
-    return decode_codes(k, 0x30) if k.dtype == U8 else k
-
-
-def values_of(v):
-    return decode_codes(v, 0x18) if v.dtype == U8 else v
-
-
-def assert_as_accurate_as_torch(outs, q, k, v, mask, scale, causal=False, softcap=None, kv_half=False):
-    """Each of outs (one per device) against float64, beside torch in q's dtype on that device."""
-    k, v = keys_of(k), values_of(v)
-    if kv_half:  # the matrix-engine path computes from half copies of key and value
-        k, v = k.half(), v.half()
-    ref = attention(q.double(), k.double(), v.double(), None if mask is None else mask.double(), scale,
-                    causal, softcap)
-    top = ref.abs().max().item()
+def assert_both_accurate(outs, q, k, v, mask, scale, causal=False, softcap=None, kv_half=False):
+    """Each of outs (one per device) as accurate as torch on its device; 8-bit caches as their values."""
+    k, v = (kv_code_values(t, kind) if t.dtype == U8 else t for t, kind in ((k, "key"), (v, "value")))
     for out in outs:
-        dev = out.device
-        mine = (out.cpu().double() - ref).abs().max().item()
-        same = attention(q.to(dev), k.to(dev, q.dtype), v.to(dev, q.dtype),
-                         None if mask is None else mask.to(dev), scale, causal, softcap)
-        theirs = (same.cpu().double() - ref).abs().max().item()
-        bound = 2 * theirs
-        if q.dtype == F32:
-            bound = max(bound, 1e-5 * max(1.0, top))
-        assert out.dtype == q.dtype and out.shape == ref.shape, (out.dtype, out.shape)
-        assert mine <= bound, f"{dev}: error {mine:.3g}, torch {theirs:.3g}"
+        assert_as_accurate_as_torch(out, q, k, v, mask, scale, causal, softcap, kv_half)
 
 
 def on_both(run):
@@ -77,10 +27,23 @@ def on_both(run):
     return run("cpu"), run(OTHER)
 
 
+KERNELS = ("mha kernel", "mha fp8 kernel", "mha unbalanced fp8 kernel", "gqa kernel 1/2", "gqa kernel 2/2",
+           "sdp vec kernel", "sdp sysa kernel")
+
+
+def launched_on_both(op, views, scale, expect):
+    """op(*views, scale) on both devices, each call launching the kernels in `expect` once."""
+    def run(device):
+        out, args = [], views.on(device)
+        counts = count_records(lambda: out.append(op(*args, scale)), *KERNELS)
+        assert counts == {n: int(n in expect) for n in KERNELS}
+        return out[0]
+    return on_both(run)
+
+
 class Views:
-    """Tensors drawn on the CPU once, then moved to a device as whole buffers and cut
-    into views there, so that every device sees the same strides (Tensor.to makes a
-    non-dense view contiguous)."""
+    """CPU tensors moved to a device whole and cut into views there: Tensor.to would make a
+    non-dense view contiguous, and every device must see the same strides."""
 
     def __init__(self):
         self.bases, self.cuts = [], []
@@ -88,15 +51,13 @@ class Views:
     def add(self, base, cut=lambda t: t):
         self.bases.append(base)
         self.cuts.append(cut)
-        return len(self.bases) - 1
 
     def on(self, device):
         return [None if b is None else c(b.to(device)) for b, c in zip(self.bases, self.cuts)]
 
 
 def fused(views, b, h_q, h_kv, n, d, dtype, gen, q_len=None):
-    """q, k, v as strided views of one [b, n, h_q + 2 h_kv, d] projection, the layout a
-    fused QKV projection leaves; q keeps the last q_len tokens."""
+    """q, k, v as views of one fused [b, n, h_q + 2 h_kv, d] projection; q keeps the last q_len tokens."""
     q_len = q_len or n
     base = torch.randn(b, n, h_q + 2 * h_kv, d, generator=gen).to(dtype)
     views.add(base, lambda t: t[:, n - q_len:, :h_q].transpose(1, 2))
@@ -114,8 +75,7 @@ def cache(views, b, h, n, d, dtype, gen, room=0):
 
 
 def mask_like(shape, dtype, gen):
-    """Additive mask with about 20% of entries at -10000; key 0 always visible, so no row
-    loses its scores' low bits to -10000 + score in float32."""
+    """Additive mask, about 20% at -10000; key 0 always visible (no row all at -10000 + score)."""
     m = torch.where(torch.rand(shape, generator=gen) < 0.2, torch.tensor(-10000.0),
                     torch.randn(shape, generator=gen) * 2)
     m[..., 0] = 0.0
@@ -166,18 +126,9 @@ def test_decode(family, dtype, cdtype, bsz, heads, kv_heads, q_len, kv_len, d, d
                and not (fp8 and d != dv))
     # sdp scales by 1/sqrt(head_dim); sdp_fp8 by the caller's scale, except on the grouped pair.
     scale = 1 / math.sqrt(d) if not fp8 or grouped else 0.05
-    names = ("mha kernel", "mha fp8 kernel", "mha unbalanced fp8 kernel", "gqa kernel 1/2", "gqa kernel 2/2")
-    expect = ({"gqa kernel 1/2": 1, "gqa kernel 2/2": 1} if grouped else
-              {"mha unbalanced fp8 kernel" if d != dv else "mha fp8 kernel" if fp8 else "mha kernel": 1})
-
-    def run(device):
-        out = []
-        args = views.on(device)
-        counts = count_records(lambda: out.append(op(*args, 0.05)), *names)
-        assert counts == {n: expect.get(n, 0) for n in names}
-        return out[0]
-
-    assert_as_accurate_as_torch(on_both(run), q, k, v, m, scale)
+    expect = (("gqa kernel 1/2", "gqa kernel 2/2") if grouped else
+              ("mha unbalanced fp8 kernel" if d != dv else "mha fp8 kernel" if fp8 else "mha kernel",))
+    assert_both_accurate(launched_on_both(op, views, 0.05, expect), q, k, v, m, scale)
 
 
 @pytest.mark.skipif(OTHER == "cpu", reason="the CPU backend divides 0 by 0 here")
@@ -199,7 +150,7 @@ def test_decode_reads_every_code_exactly(dtype):
     pick[0, 0, torch.arange(256), torch.arange(256)] = 0.0
     pick = pick.to(dtype)
     for out in on_both(lambda dev: vorta_addons.sdp_fp8(q.to(dev), k.to(dev), v.to(dev), pick.to(dev), 0.1)):
-        assert torch.equal(out[0, 0].cpu(), values_of(v[0, 0]).to(dtype))
+        assert torch.equal(out[0, 0].cpu(), kv_code_values(v[0, 0], "value").to(dtype))
 
 
 # --- prefill --------------------------------------------------------------------
@@ -232,9 +183,8 @@ PREFILL = [
 
 
 def prefill_mask(views, kind, bsz, heads, q_len, kv_len, dtype, gen):
-    """Adds a mask as the operators take it as it is: padded to a multiple of 128 keys (the
-    padding holds 7.0, never read), per head or one head broadcast; returns the mask the
-    reference applies."""
+    """Adds a mask padded to a multiple of 128 keys (7.0, never read), per head or broadcast; returns
+    the mask the reference applies."""
     if kind is None:
         views.add(None)
         return None
@@ -264,17 +214,8 @@ def test_prefill(family, dtype, cdtype, bsz, heads, kv_heads, q_len, kv_len, d, 
     op = {(False, False): vorta_addons.sdp_non_causal, (False, True): vorta_addons.sdp_causal,
           (True, False): vorta_addons.sdp_fp8_non_causal, (True, True): vorta_addons.sdp_fp8_causal}[fp8, causal]
     matrix = fam in (KESTREL, LARK) and d in (64, 80, 128)
-    names = ("sdp vec kernel", "sdp sysa kernel")
-    ran = "sdp sysa kernel" if matrix else "sdp vec kernel"
-
-    def run(device):
-        out = []
-        args = views.on(device)
-        counts = count_records(lambda: out.append(op(*args, 0.125)), *names)
-        assert counts == {n: int(n == ran) for n in names}
-        return out[0]
-
-    assert_as_accurate_as_torch(on_both(run), q, k, v, effective, 0.125, causal, kv_half=matrix and dtype == F32)
+    outs = launched_on_both(op, views, 0.125, ("sdp sysa kernel" if matrix else "sdp vec kernel",))
+    assert_both_accurate(outs, q, k, v, effective, 0.125, causal, kv_half=matrix and dtype == F32)
 
 
 @pytest.mark.parametrize("causal", [False, True])
@@ -290,7 +231,7 @@ def test_gemma2_soft_capping(causal, dtype, d, lk, group):
     q, k, v, _ = views.on("cpu")
     op = vorta_addons.gemma2_sdp_causal if causal else vorta_addons.gemma2_sdp
     outs = on_both(lambda dev: op(*views.on(dev), 20.0, 0.4))
-    assert_as_accurate_as_torch(outs, q, k, v, effective, 0.4, causal, softcap=20.0)
+    assert_both_accurate(outs, q, k, v, effective, 0.4, causal, softcap=20.0)
 
 
 @pytest.mark.parametrize("dtype", [F32, F16])
@@ -303,7 +244,7 @@ def test_siglip(family, dtype):
     outs = on_both(lambda dev: vorta_addons.siglip_sdp_non_causal(q.to(dev), k.to(dev), v.to(dev), m.to(dev)))
     for out in outs:
         assert out.shape == (2, 3, 50, 72) and out.stride() == (3 * 256 * 80, 256 * 80, 80, 1)
-    assert_as_accurate_as_torch(outs, q, k, v, m, 1 / math.sqrt(72), kv_half=True)
+    assert_both_accurate(outs, q, k, v, m, 1 / math.sqrt(72), kv_half=True)
 
 
 def test_prefill_reads_misaligned_views():
@@ -315,4 +256,4 @@ def test_prefill_reads_misaligned_views():
         views.add(torch.randn(2 * 40 * 64 + 1, generator=gen).half(), lambda t: t[1:].view(1, 2, 40, 64))
     q, k, v = views.on("cpu")
     outs = on_both(lambda dev: vorta_addons.sdp_causal(*views.on(dev), None, 0.125))
-    assert_as_accurate_as_torch(outs, q, k, v, None, 0.125, True)
+    assert_both_accurate(outs, q, k, v, None, 0.125, True)

@@ -1,10 +1,5 @@
-"""The operators in PyTorch's dispatcher and the package around the module.
-
-torch.ops.vorta_addons.* against opcheck (schema, fake implementations, AOT tracing with
-dynamic shapes), torch.compile of the demo's decoder (one graph per step, the eager result
-bit for bit; CUDA graphs where a GPU is present), the type stubs against the module and the
-schemas, and the import of the package into a fresh interpreter.
-"""
+"""The operators in PyTorch's dispatcher (opcheck, torch.compile of the demo's decoder), the type
+stubs and the package's import."""
 import ast
 import os
 import re
@@ -50,8 +45,7 @@ def codes(*shape, device):
 
 
 def cases(device):
-    """(operator, arguments, device family or None) for every operator: odd lengths, a
-    grouped-query layout, masks, both prefill paths, the unbalanced 8-bit decode."""
+    """(operator, arguments, device family or None) for every operator, both prefill paths included."""
     r = lambda *s: torch.randn(*s, device=device)  # noqa: E731
     q, k, v = r(1, 4, 33, 64), r(1, 2, 33, 64), r(1, 2, 33, 64)
     k8, v8 = codes(1, 2, 33, 64, device=device), codes(1, 2, 33, 64, device=device)
@@ -142,9 +136,7 @@ def prompt(cfg, batch, length):
 
 
 def test_decoder_compiles_to_one_graph_per_step_kind():
-    """The prompt and the decode steps (rms_norm, rotary, sdp_causal / sdp, silu) of a
-    one-layer decoder on the dispatcher operators, compiled whole: two graphs, no break, and
-    the eager result bit for bit, caches included."""
+    """A one-layer decoder's prompt and decode steps compiled whole: two graphs, no break, eager bits."""
     torch._dynamo.reset()
     torch._dynamo.utils.counters.clear()
     w = random_weights(ONE_LAYER, seed=3, tied=False)
@@ -185,9 +177,7 @@ def compiled_against_eager(device, kv_cache, rope, fixed_shapes=None, dtype=torc
                                                      (False, "cache", torch.float16)],
                          ids=["fixed-shapes-fp32", "symbolic-position-fp16"])
 def test_compiled_decode_matches_eager(fixed_shapes, rope, dtype):
-    """The demo's --compile runner, with the 8-bit cache written inside the graph: decode steps
-    of one shape over the whole cache under a mask (the CUDA-graph form), or the eager steps
-    with a symbolic position, give the eager loop's logits, in half precision too."""
+    """The demo's --compile runner (8-bit cache written in the graph) gives the eager loop's logits."""
     torch._dynamo.reset()
     compiled_against_eager("cpu", "int8", rope, fixed_shapes, dtype)
 

@@ -1,11 +1,5 @@
-"""The decoder loop of vorta_llm on the operators against its plain-torch forward.
-
-A tiny random-init Llama (hidden 128, 4 heads over 2 key/value heads of 64, 2 layers) runs a
-prompt and a few decode steps on the operators; the plain forward is fed the same tokens and
-must give the same logits and the same greedy picks. Both cache kinds (full precision and the
-8-bit code) and both rotary kinds are covered, plus mixture-of-experts MLPs routed by the
-two top-k operators against a plain routing of the same weights.
-"""
+"""vorta_llm's decoder loop on the operators against its plain-torch forward fed the same tokens:
+same logits and greedy picks, both cache kinds, both rotary kinds, mixture-of-experts layers."""
 import os
 import sys
 
@@ -71,8 +65,7 @@ def test_decode_matches_plain_forward(device, kv_cache, rope):
 
 
 def test_int8_cache_is_what_the_run_reads(device):
-    """The 8-bit run agrees with the 8-bit plain forward far better than with the exact one,
-    so the comparison above could tell a loop that ignored the 8-bit cache."""
+    """The 8-bit run is far closer to the 8-bit plain forward than to the exact one."""
     need("int8")
     w = random_weights(TINY, seed=4, tied=False)
     ours, ref8 = side_by_side(TINY, w, device, "int8")
@@ -141,8 +134,7 @@ def test_moe_layer_in_the_decoder(device, routing):
 
 
 def test_gguf_rows_back_to_rotate_half_order():
-    """GGUF converters interleave each head's Q/K rows (i, i + d/2) -> (2i, 2i + 1); the loader
-    undoes it."""
+    """GGUF interleaves each head's Q/K rows (i, i + d/2) -> (2i, 2i + 1); the loader undoes it."""
     heads, d, inp = 3, 8, 5
     w = torch.arange(heads * d * inp, dtype=torch.float32).view(heads * d, inp)
     interleaved = torch.empty_like(w)
@@ -165,9 +157,8 @@ def test_top_k_sampling_stays_in_the_top_k():
 
 @pytest.mark.parametrize("tied", [True, False])
 def test_weight_bytes_per_token(tied):
-    """What one decode step streams: every matrix and norm of the layers, the final norm, the
-    output head (the embedding when tied) and one embedding row; for a mixture-of-experts
-    layer the router and top_k experts instead of the MLP."""
+    """One decode step streams every layer matrix and norm (router and top_k experts for a MoE
+    layer), the final norm, the output head and one embedding row."""
     w = random_weights(TINY, seed=2, tied=tied)
     m = make_moe("softmax", hidden=TINY.hidden_size, inter=96)
     model = VortaLlama(TINY, w, dtype=torch.float16, moe={1: m}, max_len=8)

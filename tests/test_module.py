@@ -54,9 +54,7 @@ def test_docstring(name, doc):
 
 
 @pytest.mark.parametrize("call", [
-    lambda: vorta_addons.rms_norm(None, torch.ones(2, 32), 1e-6),
     lambda: vorta_addons.rms_norm(torch.ones(32), None, 1e-6),
-    lambda: vorta_addons.layer_norm(None, None, None, 1e-6),
     lambda: vorta_addons.rms_norm(torch.ones(32), torch.ones(2, 32)),
     lambda: vorta_addons.layer_norm(torch.ones(2, 32), None, None, 1e-5, 1.0),
 ])
@@ -70,19 +68,34 @@ def test_device_queries_need_a_guard_for_the_device_type():
         vorta_addons._testing.device_family(torch.device("hpu"))
 
 
-def test_devices_without_kernels_are_refused():
-    x = torch.ones(2, 32, device="meta")
-    with pytest.raises(RuntimeError, match="built without kernels for meta devices"):
-        vorta_addons.rms_norm(torch.ones(32, device="meta"), x, 1e-6)
+# Calls of the single-launch operators: one record under the display name, none under another.
+RECORDS = [
+    ("rms norm", "rms_norm(w, x, 1e-6)"), ("rms norm", "rms_norm(w.half(), x.half(), 1e-6)"),
+    ("layer norm", "layer_norm(x, w, None, 1e-6)"), ("layer norm", "layer_norm(x, None, None, 1e-6)"),
+    ("layer norm", "layer_norm(x.half(), w.half(), w.half(), 1e-6)"),
+    ("rotary half", "rotary_half_inplaced(inv, pos, q, k)"),
+    ("rotary every two", "rotary_two_inplaced(inv, pos, q, k)"),
+    ("rotary half with cache", "rotary_half_with_cache_inplaced(q, k, cs, cs)"),
+    ("rotary two with cache", "rotary_two_with_cache_inplaced(q, k, cs, cs, False)"),
+    ("mlp silu_mul", "mlp_silu_mul_inplaced(g, g.clone())"),
+    ("quantize kv cache", "quantize_key_value(kv, kv, codes, codes.clone())"),
+    ("dequantize kv cache", "dequantize_key_value(codes, codes, kv, kv.clone())"),
+    ("repetition penalty logits process", "repetition_penalty_logits_process_inplaced(x, ids, 1.1)"),
+    ("attention softmax in fp32 inplaced", "attn_softmax_inplaced(x.view(2, 4, 64))"),
+    ("moe softmax topk", "moe_softmax_topk(x, 2, True)"),
+    ("moe group topk", "moe_group_topk(x.abs(), None, 4, 2, 0, 2, True, 0.0, 1.0)"),
+]
 
 
-def test_one_profiler_record_per_launch():
-    x, w = torch.randn(8, 64), torch.randn(64)
-    counts = count_records(lambda: (vorta_addons.rms_norm(w, x, 1e-6),
-                                    vorta_addons.layer_norm(x, w, None, 1e-6),
-                                    vorta_addons.layer_norm(x, None, None, 1e-6)),
-                           "rms norm", "layer norm")
-    assert counts == {"rms norm": 1, "layer norm": 2}
+@pytest.mark.parametrize("name,call", RECORDS, ids=[call.split("(")[0] for _, call in RECORDS])
+def test_one_profiler_record_per_launch(name, call):
+    env = dict(vorta_addons=vorta_addons, x=torch.randn(8, 64), w=torch.randn(64), g=torch.randn(4, 256),
+               q=torch.randn(1, 2, 7, 64).half(), k=torch.randn(1, 1, 7, 64).half(), inv=torch.ones(32).half(),
+               pos=torch.zeros(1, 7, dtype=torch.long), cs=torch.ones(7, 64).half(), kv=torch.randn(1, 2, 3, 64),
+               codes=torch.zeros(1, 2, 3, 64, dtype=torch.uint8), ids=torch.zeros(8, 3, dtype=torch.long))
+    names = sorted({n for n, _ in RECORDS})
+    counts = count_records(lambda: eval("vorta_addons." + call, env), *names)
+    assert counts == {n: int(n == name) for n in names}
 
 
 def test_results_follow_in_call_order():

@@ -1,12 +1,11 @@
 """Decode attention (sdp, sdp_fp8) against float64 references in plain torch."""
 import math
-from concurrent.futures import ThreadPoolExecutor
 
 import pytest
 import torch
 
 import vorta_addons
-from helpers import assert_fatal, count_records
+from helpers import FatalBatch, attention_reference, count_records, kv_code_values, same_with_threads
 
 GROUP = "decode"
 KESTREL, FINCH, OTHER = 0, 3, 7
@@ -31,43 +30,16 @@ def on(device, lanes):
     return device
 
 
-def decode_codes(codes, exponent_bias):
-    """The 8-bit cache codes as numbers: (-1)^s * 2^(e - bias) * (1 + m/8 + 1/16)."""
-    c = codes.to(torch.int64)
-    sign = 1.0 - 2.0 * (c >> 7).double()
-    return sign * torch.pow(2.0, ((c >> 3) & 15).double() - exponent_bias) * (1.0625 + (c & 7).double() / 8)
-
-
-def decode_keys(codes):
-    return decode_codes(codes, 9)
-
-
-def decode_values(codes):
-    return decode_codes(codes, 12)
-
-
-def attention(q, k, v, mask, scale, dtype):
-    """softmax(q k^T * scale + mask) v computed entirely in `dtype`."""
-    group = q.shape[1] // k.shape[1]
-    k = k.to(dtype).repeat_interleave(group, 1)
-    v = v.to(dtype).repeat_interleave(group, 1)
-    s = (q.to(dtype) @ k.transpose(-1, -2)) * scale
-    if mask is not None:
-        s = s + mask.to(dtype)
-    return torch.softmax(s, -1) @ v
-
-
 def assert_accurate(out, q, k, v, mask, scale):
-    """fp32: 1e-5 relative to the float64 result; fp16: at most twice the error of plain fp16
-    torch on the result's device."""
+    """fp32: within 1e-5 relative to float64; fp16: at most twice plain fp16 torch's error on out's device."""
     q, k, v, mask = (None if t is None else t.to(out.device) for t in (q, k, v, mask))
-    ref = attention(q, k, v, mask, scale, torch.float64)
+    ref = attention_reference(q.double(), k, v, mask, scale)
     assert out.shape == ref.shape and out.dtype == q.dtype and out.is_contiguous()
     err = (out.double() - ref).abs().max().item()
     if q.dtype == torch.float32:
         assert err <= 1e-5 * ref.abs().max().item(), err
     else:
-        plain = (attention(q, k, v, mask, scale, q.dtype).double() - ref).abs().max().item()
+        plain = (attention_reference(q, k, v, mask, scale).double() - ref).abs().max().item()
         assert err <= 2 * plain, (err, plain)
 
 
@@ -115,18 +87,6 @@ SDP_CASES = [
 ]
 
 
-@pytest.mark.parametrize("dtype,bsz,heads,kv_heads,q_len,kv_len,head_dim,mask,strided,fam,kernels", SDP_CASES)
-def test_sdp(dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, strided, fam, kernels, family, on):
-    family(fam)
-    q, k, v, m = make_inputs(dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, strided, device=on)
-    before = [t.clone() for t in (q, k, v)]
-    out = []
-    assert count_records(lambda: out.append(vorta_addons.sdp(q, k, v, m, 7.0)), *KERNELS) == \
-        {n: kernels.get(n, 0) for n in KERNELS}
-    assert_accurate(out[0], q, k, v, m, 1 / math.sqrt(head_dim))
-    assert all(torch.equal(a, b) for a, b in zip(before, (q, k, v)))
-
-
 # Single pass with the caller's scale; grouped with 1/sqrt(head_dim).
 FP8_CASES = [
     (torch.float16, 1, 8, 8, 1, 1, 64, None, False, OTHER, {"mha fp8 kernel": 1}),
@@ -141,17 +101,21 @@ FP8_CASES = [
 def fp8_case(dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, strided, value_dim=None, device="cpu"):
     q, k, v, m = make_inputs(dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, strided,
                              value_dim=value_dim, fp8=True, device=device)
-    return q, k, v, m, decode_keys(k).to(dtype), decode_values(v).to(dtype)
+    return q, k, v, m, kv_code_values(k, "key").to(dtype), kv_code_values(v, "value").to(dtype)
 
 
-@pytest.mark.parametrize("dtype,bsz,heads,kv_heads,q_len,kv_len,head_dim,mask,strided,fam,kernels", FP8_CASES)
-def test_sdp_fp8(dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, strided, fam, kernels, family, on):
+@pytest.mark.parametrize("fp8,dtype,bsz,heads,kv_heads,q_len,kv_len,head_dim,mask,strided,fam,kernels",
+                         [(False, *c) for c in SDP_CASES] + [(True, *c) for c in FP8_CASES])
+def test_decode(fp8, dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, strided, fam, kernels, family, on):
     family(fam)
-    q, k, v, m, kd, vd = fp8_case(dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, strided, device=on)
-    out = []
-    assert count_records(lambda: out.append(vorta_addons.sdp_fp8(q, k, v, m, 0.07)), *KERNELS) == \
+    q, k, v, m = make_inputs(dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, strided, fp8=fp8, device=on)
+    before, out = [t.clone() for t in (q, k, v)], []
+    op = vorta_addons.sdp_fp8 if fp8 else vorta_addons.sdp  # sdp ignores the scale argument
+    assert count_records(lambda: out.append(op(q, k, v, m, 0.07 if fp8 else 7.0)), *KERNELS) == \
         {n: kernels.get(n, 0) for n in KERNELS}
-    assert_accurate(out[0], q, kd, vd, m, 1 / math.sqrt(head_dim) if kernels is GQA else 0.07)
+    kd, vd = (kv_code_values(k, "key").to(dtype), kv_code_values(v, "value").to(dtype)) if fp8 else (k, v)
+    assert_accurate(out[0], q, kd, vd, m, 0.07 if fp8 and kernels is not GQA else 1 / math.sqrt(head_dim))
+    assert all(torch.equal(a, b) for a, b in zip(before, (q, k, v)))
 
 
 def test_every_code_decodes_exactly(on):
@@ -164,11 +128,11 @@ def test_every_code_decodes_exactly(on):
     pick[0, 0, torch.arange(256), torch.arange(256)] = 0.0
     # Token j sees key j alone: its result is value row j, exactly.
     alone = vorta_addons.sdp_fp8(q, k, v, pick, 0.1)
-    assert torch.equal(alone[0, 0], decode_values(v[0, 0, :256]).float())
+    assert torch.equal(alone[0, 0], kv_code_values(v[0, 0, :256], "value").float())
     # Beside the reference key, the two weights depend on key code j.
     pick[..., 256] = 0.0
     pair = vorta_addons.sdp_fp8(q, k, v, pick, 0.1)
-    assert_accurate(pair, q, decode_keys(k).float(), decode_values(v).float(), pick, 0.1)
+    assert_accurate(pair, q, kv_code_values(k, "key").float(), kv_code_values(v, "value").float(), pick, 0.1)
 
 
 def test_unbalanced_fp8_takes_the_single_pass_even_when_grouping_applies(family, on):
@@ -213,15 +177,7 @@ def test_sdp_ignores_the_scale_argument(device):
 @pytest.mark.parametrize("kv_len", [700, 4096])
 def test_results_do_not_depend_on_thread_count(kv_len, lanes):
     q, k, v, m = make_inputs(torch.float16, 1, 8, 2, 1, kv_len, 128, "head", False)
-    saved = torch.get_num_threads()
-    try:
-        torch.set_num_threads(1)
-        one = vorta_addons.sdp(q, k, v, m, 0.0)
-        torch.set_num_threads(2)
-        two = vorta_addons.sdp(q, k, v, m, 0.0)
-    finally:
-        torch.set_num_threads(saved)
-    assert torch.equal(one, two)
+    same_with_threads(lambda: vorta_addons.sdp(q, k, v, m, 0.0))
 
 
 HEAD_DIM_MSG = "unsupported head_dim, only 256, 192, 128, 96, 80 and 64 are supported"
@@ -267,44 +223,23 @@ def test_layouts_the_kernels_cannot_read_are_refused():
         vorta_addons.sdp(q, k.contiguous(), k.contiguous(), torch.zeros(1, 3, 1, 8), 1.0)
 
 
+# Shape checks that every attention operator makes are in the bad-input tests; these are decode's own.
 _SDP = "q, k, v, m = torch.ones(1, 4, 1, 64), torch.ones(1, 2, 8, 64), torch.ones(1, 2, 8, 64), None\n"
 _FP8 = _SDP.replace("torch.ones(1, 2, 8, 64)", "torch.ones(1, 2, 8, 64, dtype=torch.uint8)")
 FATAL = [
-    ("sdp/sdp", _SDP + "q = torch.ones(2, 4, 1, 64)", "query.size(0) == key.size(0) && key.size(0) == value.size(0)"),
-    ("sdp/sdp", _SDP + "q = torch.ones(1, 3, 1, 64)", "query.size(1) % key.size(1) == 0 && key.size(1) == value.size(1)"),
-    ("sdp/sdp", _SDP + "v = torch.ones(1, 2, 9, 64)", "key.size(2) == value.size(2)"),
-    ("sdp/sdp", _SDP + "v = torch.ones(1, 2, 8, 80)", "query.size(3) == key.size(3) && key.size(3) == value.size(3)"),
-    ("sdp/sdp", _SDP + "k = k.half()",
-     "query.scalar_type() == key.scalar_type() && query.scalar_type() == value.scalar_type()"),
-    ("sdp/sdp", _SDP + "m = torch.zeros(1, 4, 2, 8)", "mask->size(2) == seq_length"),
-    ("sdp/sdp", _SDP + "m = torch.zeros(1, 1, 1, 9)", "mask->size(3) == context_length"),
-    ("sdp/sdp", _SDP + "m = torch.zeros(1, 1, 1, 8).half()", "query.scalar_type() == mask->scalar_type()"),
-    ("sdp/sdp_fp8", _FP8 + "q = torch.ones(3, 4, 1, 64)", "query.size(0) == key.size(0) && key.size(0) == value.size(0)"),
-    ("sdp/sdp_fp8", _FP8 + "k = k[:, :1]", "query.size(1) % key.size(1) == 0 && key.size(1) == value.size(1)"),
-    ("sdp/sdp_fp8", _FP8 + "v = v[:, :, :7]", "key.size(2) == value.size(2)"),
-    ("sdp/sdp_fp8", _FP8 + "q = torch.ones(1, 4, 1, 80)", "query.size(3) == key.size(3)"),
-    ("sdp/sdp_fp8", _FP8 + "m = torch.zeros(1, 4, 3, 8)", "mask->size(2) == seq_length"),
-    ("sdp/sdp_fp8", _FP8 + "m = torch.zeros(1, 4, 1, 7)", "mask->size(3) == context_length"),
-    ("sdp/sdp_fp8", _FP8 + "m = torch.zeros(1, 4, 1, 8).half()", "query.scalar_type() == mask->scalar_type()"),
+    ("sdp", _SDP + "k = k.half()", "query.scalar_type() == key.scalar_type() && query.scalar_type() == value.scalar_type()"),
+    ("sdp", _SDP + "m = torch.zeros(1, 4, 2, 8)", "mask->size(2) == seq_length"),
+    ("sdp", _SDP + "m = torch.zeros(1, 1, 1, 9)", "mask->size(3) == context_length"),
+    ("sdp_fp8", _FP8 + "m = torch.zeros(1, 4, 3, 8)", "mask->size(2) == seq_length"),
+    ("sdp_fp8", _FP8 + "m = torch.zeros(1, 4, 1, 7)", "mask->size(3) == context_length"),
 ]
-_fatal_runs = {}
+FATAL_RUNS = FatalBatch((f"{setup}\nvorta_addons.{op}(q, k, v, m, 1.0)", expression, f"sdp/{op}")
+                        for op, setup, expression in FATAL)
 
 
-def _fatal_run(index):
-    """Starts every child interpreter at the first request: they run side by side."""
-    if not _fatal_runs:
-        pool = ThreadPoolExecutor(max_workers=4)
-        for i, (source, setup, expression) in enumerate(FATAL):
-            op = "sdp" if source == "sdp/sdp" else "sdp_fp8"
-            _fatal_runs[i] = pool.submit(assert_fatal, f"{setup}\nvorta_addons.{op}(q, k, v, m, 1.0)",
-                                         expression, source)
-        pool.shutdown(wait=False)
-    return _fatal_runs[index]
-
-
-@pytest.mark.parametrize("index", range(len(FATAL)), ids=[e for _, _, e in FATAL])
+@pytest.mark.parametrize("index", range(len(FATAL)), ids=[f"{op}-{e}" for op, _, e in FATAL])
 def test_fatal_checks(index):
-    _fatal_run(index).result()
+    FATAL_RUNS.wait(index)
 
 
 @pytest.mark.parametrize("kernel_family", [OTHER, KESTREL], ids=["single-pass", "two-pass"])
