@@ -19,11 +19,13 @@ using decode::Split;
 
 namespace {
 
-// The grouped first pass folds runs of this many blocks into one online
+// The grouped first pass folds runs of this many keys into one online
 // softmax and leaves one part per run in the first slots of the block
 // temporaries: 256 keys keep both threads of a one-sequence call busy, and
 // the second pass reads an eighth of what a part per block would leave.
-constexpr int64_t kGroupedRunBlocks = 8;
+constexpr int64_t kGroupedRunKeys = 256;
+static_assert(kGroupedRunKeys % kBlock == 0 && kGroupedRunKeys % kDecodeKeyBlock == 0,
+              "a run is whole steps of a row tile and whole blocks of the temporaries");
 
 // With several chunks, each leaves (max, sum, row) per query row in the
 // workspace: floats [units, tile, value_head_dim + 2].
@@ -90,7 +92,8 @@ void decode_attention(const DecodeInputs<T, C>& in, const DecodeOutput<T>& out, 
 
 template <typename T, typename C>
 void decode_attention_blocks(const DecodeInputs<T, C>& in, const DecodeBlocks<T>& blocks) {
-  const Split split = Split::with_chunk_blocks(in.bsz, in.num_heads, in.kv_heads, in.kv_len, kGroupedRunBlocks);
+  const Split split =
+      Split::with_chunk_blocks(in.bsz, in.num_heads, in.kv_heads, in.kv_len, kGroupedRunKeys / kBlock);
   const int64_t dv = in.value_head_dim;
   parallel_for(0, split.units(), grain(split.unit_work(in.head_dim, dv)), [&](int64_t lo, int64_t hi) {
     RowTile<T, C> tile(in, split.tile);
@@ -115,7 +118,7 @@ void decode_attention_blocks(const DecodeInputs<T, C>& in, const DecodeBlocks<T>
 template <typename T>
 void combine_attention_blocks(const DecodeBlocks<T>& blocks, const DecodeOutput<T>& out, int64_t bsz,
                               int64_t num_heads, int64_t dv) {
-  const int64_t runs = decode::ceil_div(blocks.nblocks, kGroupedRunBlocks);
+  const int64_t runs = decode::ceil_div(blocks.nblocks, kGroupedRunKeys / kDecodeKeyBlock);
   parallel_for(0, bsz * num_heads, grain(runs * dv), [&](int64_t lo, int64_t hi) {
     std::vector<float> weights;
     for (int64_t x = lo; x < hi; ++x) {
