@@ -24,12 +24,13 @@ size_t decode_workspace_bytes(const DecodeInputs<T, C>& in);
 template <typename T, typename C>
 void decode_attention(const DecodeInputs<T, C>& in, const DecodeOutput<T>& out, void* workspace);
 
-// Grouped first pass, for one query token (seq_length 1): every block of
-// kDecodeKeyBlock keys on its own.
+// Grouped first pass, for one query token (seq_length 1): runs of eight
+// blocks of kDecodeKeyBlock keys, each leaving its statistics and result row
+// in the slots of the run's index (the first ceil(nblocks / 8) slots).
 template <typename T, typename C>
 void decode_attention_blocks(const DecodeInputs<T, C>& in, const DecodeBlocks<T>& blocks);
 
-// Grouped second pass: the softmax over all keys from the blocks' results;
+// Grouped second pass: the softmax over all keys from the runs' results;
 // out rows [bsz, num_heads, value_head_dim] (strides of dims 0 and 1).
 template <typename T>
 void combine_attention_blocks(const DecodeBlocks<T>& blocks, const DecodeOutput<T>& out,

@@ -93,8 +93,8 @@ void expect_tile_matches(int64_t group, int64_t kv_len, int64_t d, double tolera
   vorta::cpu::decode::RowTile<T, C> tile(in, group);
   tile.bind(0, 0, 0, group);
   tile.reset();
-  for (int64_t j0 = 0; j0 < kv_len; j0 += vorta::kDecodeKeyBlock)
-    tile.add_block(j0, int(std::min<int64_t>(vorta::kDecodeKeyBlock, kv_len - j0)));
+  constexpr int64_t step = vorta::cpu::decode::kBlock;
+  for (int64_t j0 = 0; j0 < kv_len; j0 += step) tile.add_block(j0, int(std::min<int64_t>(step, kv_len - j0)));
   std::vector<float> row(d);
   for (int64_t h = 0; h < group; ++h) {
     tile.store(h, row.data());

@@ -19,6 +19,14 @@ using decode::Split;
 
 namespace {
 
+// The grouped first pass folds runs of this many keys into one online
+// softmax and leaves one part per run in the first slots of the block
+// temporaries: 256 keys keep both threads of a one-sequence call busy, and
+// the second pass reads an eighth of what a part per block would leave.
+constexpr int64_t kGroupedRunKeys = 256;
+static_assert(kGroupedRunKeys % kBlock == 0 && kGroupedRunKeys % kDecodeKeyBlock == 0,
+              "a run is whole steps of a row tile and whole blocks of the temporaries");
+
 // With several chunks, each leaves (max, sum, row) per query row in the
 // workspace: floats [units, tile, value_head_dim + 2].
 inline int64_t part_floats(int64_t value_head_dim) { return value_head_dim + 2; }
@@ -84,23 +92,24 @@ void decode_attention(const DecodeInputs<T, C>& in, const DecodeOutput<T>& out, 
 
 template <typename T, typename C>
 void decode_attention_blocks(const DecodeInputs<T, C>& in, const DecodeBlocks<T>& blocks) {
-  const Split split(in.bsz, in.num_heads, in.kv_heads, 1, in.kv_len, kBlock);
+  const Split split =
+      Split::with_chunk_blocks(in.bsz, in.num_heads, in.kv_heads, in.kv_len, kGroupedRunKeys / kBlock);
   const int64_t dv = in.value_head_dim;
   parallel_for(0, split.units(), grain(split.unit_work(in.head_dim, dv)), [&](int64_t lo, int64_t hi) {
     RowTile<T, C> tile(in, split.tile);
     for (int64_t u = lo; u < hi; ++u) {
       const Split::Unit w = split.unit(u);
       const int64_t b = w.bg / in.kv_heads, h0 = (w.bg % in.kv_heads) * split.group + w.row0;
+      const int64_t run = u % split.chunks;
       tile.bind(b, w.bg % in.kv_heads, w.row0, w.n);
-      for (int64_t blk = w.blk0; blk < w.blk1; ++blk) {
-        tile.reset();
+      tile.reset();
+      for (int64_t blk = w.blk0; blk < w.blk1; ++blk)
         tile.add_block(blk * kBlock, int(std::min<int64_t>(kBlock, in.kv_len - blk * kBlock)));
-        for (int64_t i = 0; i < w.n; ++i) {
-          float* stats = blocks.stats + b * blocks.stats_stride[0] + (h0 + i) * blocks.stats_stride[1];
-          stats[2 * blk] = tile.max_score(i);
-          stats[2 * blk + 1] = tile.exp_sum(i);
-          tile.store(i, blocks.rows + b * blocks.rows_stride[0] + (h0 + i) * blocks.rows_stride[1] + blk * dv);
-        }
+      for (int64_t i = 0; i < w.n; ++i) {
+        float* stats = blocks.stats + b * blocks.stats_stride[0] + (h0 + i) * blocks.stats_stride[1];
+        stats[2 * run] = tile.max_score(i);
+        stats[2 * run + 1] = tile.exp_sum(i);
+        tile.store(i, blocks.rows + b * blocks.rows_stride[0] + (h0 + i) * blocks.rows_stride[1] + run * dv);
       }
     }
   });
@@ -109,11 +118,12 @@ void decode_attention_blocks(const DecodeInputs<T, C>& in, const DecodeBlocks<T>
 template <typename T>
 void combine_attention_blocks(const DecodeBlocks<T>& blocks, const DecodeOutput<T>& out, int64_t bsz,
                               int64_t num_heads, int64_t dv) {
-  parallel_for(0, bsz * num_heads, grain(blocks.nblocks * dv), [&](int64_t lo, int64_t hi) {
+  const int64_t runs = decode::ceil_div(blocks.nblocks, kGroupedRunKeys / kDecodeKeyBlock);
+  parallel_for(0, bsz * num_heads, grain(runs * dv), [&](int64_t lo, int64_t hi) {
     std::vector<float> weights;
     for (int64_t x = lo; x < hi; ++x) {
       const int64_t b = x / num_heads, h = x % num_heads;
-      decode::combine_row(blocks.nblocks, blocks.stats + b * blocks.stats_stride[0] + h * blocks.stats_stride[1], 2,
+      decode::combine_row(runs, blocks.stats + b * blocks.stats_stride[0] + h * blocks.stats_stride[1], 2,
                   blocks.rows + b * blocks.rows_stride[0] + h * blocks.rows_stride[1], dv, dv,
                   out.data + b * out.stride[0] + h * out.stride[1], weights);
     }

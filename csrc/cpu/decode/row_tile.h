@@ -148,7 +148,8 @@ class RowTile {
       top = max(top, Vec8::load(p + 8 * t));
     }
     const float m = std::max(m_[i], reduce_max(top));
-    rows_.alpha[i] = rows_.fresh ? 0.0f : std::exp(m_[i] - m);
+    // Once the maximum has settled it rarely moves: exp(0) is 1 without the call.
+    rows_.alpha[i] = rows_.fresh ? 0.0f : m == m_[i] ? 1.0f : std::exp(m_[i] - m);
     m_[i] = m;
     Vec8 sum = Vec8::zero();
     for (int t = 0; t < groups; ++t) {

@@ -45,11 +45,23 @@ struct Split {
     // results do not change with torch.set_num_threads.
     const int64_t wanted = std::max<int64_t>(1, ceil_div(kTargetUnits, std::max<int64_t>(pairs, 1)));
     chunks = std::min(wanted, std::max<int64_t>(1, ceil_div(kv_len, min_chunk_keys)));
-    per_chunk = std::max<int64_t>(1, ceil_div(nblocks, chunks));
-    chunks = std::max<int64_t>(1, ceil_div(nblocks, per_chunk));
+    cut(std::max<int64_t>(1, ceil_div(nblocks, chunks)));
+  }
+
+  // Runs of exactly `blocks_per_chunk` blocks (the last one shorter), whatever the shapes.
+  static Split with_chunk_blocks(int64_t bsz, int64_t num_heads, int64_t kv_heads, int64_t kv_len,
+                                 int64_t blocks_per_chunk) {
+    Split s(bsz, num_heads, kv_heads, 1, kv_len, kv_len + 1);
+    s.cut(blocks_per_chunk);
+    return s;
   }
 
   int64_t units() const { return pairs * chunks; }
+
+  void cut(int64_t blocks_per_chunk) {
+    per_chunk = blocks_per_chunk;
+    chunks = std::max<int64_t>(1, ceil_div(nblocks, per_chunk));
+  }
   // Multiply-adds of one unit, at most.
   int64_t unit_work(int64_t d, int64_t dv) const { return tile * per_chunk * kBlock * (d + dv); }
 

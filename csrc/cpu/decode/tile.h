@@ -12,7 +12,10 @@ namespace vorta::cpu {
 VORTA_ISA_BEGIN
 namespace decode {
 
-inline constexpr int kBlock = int(kDecodeKeyBlock);
+// Keys per step of a row tile: twice the blocks of the grouped temporaries,
+// so that the per-step work (the softmax statistics, the value tiles'
+// accumulators in and out of registers) weighs half as much.
+inline constexpr int kBlock = 2 * int(kDecodeKeyBlock);
 inline constexpr int64_t kMaxRows = 64;  // query rows served by one pass over a cache head
 
 // Rows [i, i + R) of a tile read q and p and update acc; the row widths are

@@ -23,12 +23,16 @@ inline Vec8 widen8(const half* p) { return Vec8::load(p); }
 template <class Code>
 inline Vec8 widen8(const uint8_t* p) { return widen_codes<Code>(p); }
 
-// p[r][j] = q_r . k_j for rows [i, i + R) and the block's nk keys. The first
-// tile also prefetches, row by row, the block's values (read next, column
-// by column, which the hardware would not foresee) and the next block's keys.
+// p[r][j] = q_r . k_j for rows [i, i + R) and the block's nk keys, K keys at
+// a time. Four rows of a 16-bit or 8-bit cache take three keys: twelve
+// chains of FMAs in flight hide the latency of each, the rows' slices read
+// by the FMAs themselves. The first tile also prefetches, key by key, the
+// block's values (read next, column by column, which the hardware would not
+// foresee) and the next block's keys.
 template <int R, typename C>
 void score_tile8(const TileRows& t, int64_t i, const C* k, const C* v, int nk) {
-  constexpr int K = 8 / R;
+  constexpr int K = R == 4 && sizeof(C) < 4 ? 3 : 8 / R;
+  constexpr int N = R * K;  // dot products per step, reduced eight at a time
   const int64_t d = t.d, dv = t.dv;
   for (int j = 0; j < nk; j += K) {
     const C* key[K];
@@ -38,24 +42,32 @@ void score_tile8(const TileRows& t, int64_t i, const C* k, const C* v, int nk) {
       prefetch_span(v, j * dv, n * dv);
       prefetch_span(k, (kBlock + j) * d, n * d);
     }
-    Vec8 acc[8];
+    Vec8 acc[(N + 7) / 8 * 8];
     for (Vec8& a : acc) a = Vec8::zero();
     for (int64_t c = 0; c < d; c += 8) {
-      Vec8 q[R];
-      for (int r = 0; r < R; ++r) {
-        // Loaded once for the K keys: folded into each FMA, the loads would outnumber them.
-        Vec8 row = Vec8::load(t.q + (i + r) * d + c);
-        if (K > 1) keep_in_register(row);
-        q[r] = row;
-      }
-      for (int u = 0; u < K; ++u) {
-        Vec8 x = widen8<kv::KeyCode>(key[u] + c);
-        if (R > 1) keep_in_register(x);
-        for (int r = 0; r < R; ++r) acc[r * K + u] = fmadd(q[r], x, acc[r * K + u]);
+      if constexpr (K == 3) {
+        for (int u = 0; u < K; ++u) {
+          Vec8 x = widen8<kv::KeyCode>(key[u] + c);
+          keep_in_register(x);
+          for (int r = 0; r < R; ++r) acc[r * K + u] = fmadd(Vec8::load(t.q + (i + r) * d + c), x, acc[r * K + u]);
+        }
+      } else {
+        Vec8 q[R];
+        for (int r = 0; r < R; ++r) {
+          // Loaded once for the K keys: folded into each FMA, the loads would outnumber them.
+          Vec8 row = Vec8::load(t.q + (i + r) * d + c);
+          if (K > 1) keep_in_register(row);
+          q[r] = row;
+        }
+        for (int u = 0; u < K; ++u) {
+          Vec8 x = widen8<kv::KeyCode>(key[u] + c);
+          if (R > 1) keep_in_register(x);
+          for (int r = 0; r < R; ++r) acc[r * K + u] = fmadd(q[r], x, acc[r * K + u]);
+        }
       }
     }
-    float dots[8];
-    transpose_add(acc).store(dots);
+    float dots[sizeof(acc) / sizeof(Vec8)];
+    for (int g = 0; g < N; g += 8) transpose_add(acc + g).store(dots + g);
     for (int r = 0; r < R; ++r)
       for (int u = 0; u < K && j + u < nk; ++u) t.p[(i + r) * kBlock + j + u] = dots[r * K + u];
   }

@@ -54,7 +54,7 @@ VORTA_TARGET_AVX512 void score_tile16(const TileRows& t, int64_t i, const C* k, 
         for (int r = 0; r < R; ++r) acc[u * R + r] = _mm512_fmadd_ps(q[r], x, acc[u * R + r]);
       }
     }
-    // Scores past nk land inside the row's 32 slots and are never read.
+    // Scores past nk land inside the row's kBlock slots and are never read.
     const __m512 dots = avx512::transpose_add16(acc);
     if constexpr (R == 4) {
       _mm_storeu_ps(p + (i + 0) * kBlock + j, _mm512_castps512_ps128(dots));
