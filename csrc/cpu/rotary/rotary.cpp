@@ -80,9 +80,10 @@ void expand_pairs(const float* c, const float* s, int64_t stride, int64_t pairs,
   }
 }
 
-// bf16 rows go sixteen elements at a time as load_split's two vectors: the
-// rounding is integer work, and widening within 128-bit halves is the cheap
-// way in and out. The tables hold each such block in the same lane order.
+// bf16 rows go sixteen elements at a time as load_split's two vectors (even
+// and odd elements): the rounding is integer work, and a pair of bf16 values
+// shares a 32-bit lane, so splitting and joining them is the cheap way in and
+// out. The tables hold each such block in the same lane order.
 template <typename T>
 inline constexpr bool kSplit = std::is_same_v<T, bf16>;
 
@@ -138,13 +139,14 @@ template <typename T>
 void rotate_pairs_row(T* row, const float* cd, const float* sd, int64_t n) {
   int64_t k = 0;
   if constexpr (kSplit<T>) {
-    // Pairs stay neighbours in load_split's lanes.
+    // load_split parts the pairs: each element's partner sits in the same
+    // lane of the other vector.
     for (; k + 16 <= n; k += 16) {
       Vec8 xa, xb;
       load_split(row + k, xa, xb);
       store_split_arith(
-          round_arith<T>(xa * Vec8::load(cd + k)) + round_arith<T>(swap_pairs(xa) * Vec8::load(sd + k)),
-          round_arith<T>(xb * Vec8::load(cd + k + 8)) + round_arith<T>(swap_pairs(xb) * Vec8::load(sd + k + 8)),
+          round_arith<T>(xa * Vec8::load(cd + k)) + round_arith<T>(xb * Vec8::load(sd + k)),
+          round_arith<T>(xb * Vec8::load(cd + k + 8)) + round_arith<T>(xa * Vec8::load(sd + k + 8)),
           row + k);
     }
   }

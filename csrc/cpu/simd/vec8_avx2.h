@@ -208,25 +208,29 @@ inline void store_arith(Vec8 a, T* p) {
   }
 }
 
-// Sixteen values as two vectors: a holds elements 0-3 and 8-11, b holds 4-7
-// and 12-15, the order in which 16-bit values widen within 128-bit halves.
+// Sixteen values as two vectors: a holds the even elements, b the odd ones,
+// in order. A bf16 pair shares a 32-bit lane, so each half is a shift or a
+// mask away, and a blend puts two rounded halves back.
 inline void load_split(const bf16* p, Vec8& a, Vec8& b) {
   const __m256i x = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
-  a.v = _mm256_castsi256_ps(_mm256_unpacklo_epi16(_mm256_setzero_si256(), x));
-  b.v = _mm256_castsi256_ps(_mm256_unpackhi_epi16(_mm256_setzero_si256(), x));
+  a.v = _mm256_castsi256_ps(_mm256_slli_epi32(x, 16));
+  b.v = _mm256_castsi256_ps(_mm256_and_si256(x, _mm256_set1_epi32(int(0xffff0000u))));
 }
 inline void load_split(const float* p, Vec8& a, Vec8& b) {
   const __m256 lo = _mm256_loadu_ps(p), hi = _mm256_loadu_ps(p + 8);
-  a.v = _mm256_permute2f128_ps(lo, hi, 0x20);
-  b.v = _mm256_permute2f128_ps(lo, hi, 0x31);
+  // shuffle_ps works within 128-bit halves: elements 0 2 8 10 | 4 6 12 14.
+  const auto order = [](__m256 v) {
+    return _mm256_castpd_ps(_mm256_permute4x64_pd(_mm256_castps_pd(v), 0xd8));
+  };
+  a.v = order(_mm256_shuffle_ps(lo, hi, _MM_SHUFFLE(2, 0, 2, 0)));
+  b.v = order(_mm256_shuffle_ps(lo, hi, _MM_SHUFFLE(3, 1, 3, 1)));
 }
 
 inline void store_split_arith(Vec8 a, Vec8 b, bf16* p) {
-  const __m256i ra = _mm256_srli_epi32(detail::bf16_round_high(a.v), 16);
-  const __m256i rb = _mm256_srli_epi32(detail::bf16_round_high(b.v), 16);
-  _mm256_storeu_si256(reinterpret_cast<__m256i*>(p), _mm256_packus_epi32(ra, rb));
+  const __m256i even = _mm256_srli_epi32(detail::bf16_round_high(a.v), 16);
+  _mm256_storeu_si256(reinterpret_cast<__m256i*>(p),
+                      _mm256_blend_epi16(even, detail::bf16_round_high(b.v), 0xaa));
 }
-
 
 // The float bits of a decoded code, sign << 31 | (m + kOffset) << 20 |
 // 0x40 << 13 plus the exponent rebias, built from the sign-extended byte.

@@ -168,7 +168,7 @@ namespace detail {
 
 // Element of a block of sixteen in lane i of load_split's first (b = 0) or
 // second (b = 1) vector.
-inline int split_element(int b, int i) { return (i & 3) + 4 * b + 8 * (i >> 2); }
+inline int split_element(int b, int i) { return 2 * i + b; }
 
 }  // namespace detail
 
