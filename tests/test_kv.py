@@ -98,6 +98,29 @@ def test_round_trip_on_strided_caches(key_dim, value_dim, dtype, device):
         assert torch.equal(out[3].double(), ref_decode(out[1], "value"))
 
 
+@pytest.mark.parametrize("shift", [0, 1])
+def test_large_quantize_into_a_cache_window(shift, device):
+    # More codes than the caches keep (stores past the caches where the rows
+    # start on 8 bytes; shift 1 puts every row off that).
+    g = torch.Generator().manual_seed(11 + shift)
+    heads, seq, dim, cap = 8, 4500, 128, 4600
+    key = (torch.randn(1, heads, seq, dim, generator=g) * 20).half()
+    value = (torch.randn(1, heads, seq, dim, generator=g) * 2).half()
+    key[0, 3, 7, :4] = torch.tensor([float("inf"), -float("inf"), -0.0, 1e-7])
+    key, value = key.to(device), value.to(device)
+    n = heads * cap * dim
+    kflat = torch.full((n + 1,), 0x5A, dtype=torch.uint8, device=device)
+    vflat = torch.full((n + 1,), 0x5A, dtype=torch.uint8, device=device)
+    kbase, vbase = (f[shift:shift + n].view(1, heads, cap, dim) for f in (kflat, vflat))
+    kq, vq = kbase[:, :, 50:50 + seq], vbase[:, :, 50:50 + seq]
+    canaries = [Canary(kflat, kq), Canary(vflat, vq)]
+    vorta_addons.quantize_key_value(key, value, kq, vq)
+    assert torch.equal(kq.cpu(), ref_encode(key.cpu(), "key"))
+    assert torch.equal(vq.cpu(), ref_encode(value.cpu(), "value"))
+    for c in canaries:
+        c.check()
+
+
 @pytest.mark.parametrize("op,key_dim,value_dim,dtype,message", [
     ("q", 192, 64, torch.float16, "unsupported value head_dim, only 128 are supported"),
     ("q", 256, 128, torch.float16, "unsupported key head_dim, only 192 are supported"),

@@ -42,3 +42,49 @@ TEST(Simd, TransposeAddSumsEachVector) {
   const Vec8 s = vorta::cpu::transpose_add(a);
   for (int t = 0; t < 8; ++t) EXPECT_EQ(s[t], 8.0f * float(t + 1));
 }
+
+TEST(Simd, LoadSplitPutsEvenElementsInOneVectorAndOddInTheOther) {
+  float f[16];
+  vorta::bf16 h[16];
+  for (int i = 0; i < 16; ++i) f[i] = float(i), h[i] = vorta::from_float<vorta::bf16>(float(i));
+  Vec8 a, b, ha, hb;
+  vorta::cpu::load_split(f, a, b);
+  vorta::cpu::load_split(h, ha, hb);
+  for (int i = 0; i < 8; ++i) {
+    EXPECT_EQ(a[i], float(2 * i));
+    EXPECT_EQ(b[i], float(2 * i + 1));
+    EXPECT_EQ(ha[i], a[i]);
+    EXPECT_EQ(hb[i], b[i]);
+  }
+}
+
+TEST(Simd, EveryBf16PatternSurvivesLoadSplitAndStoreSplit) {
+  // NaNs with payloads and signalling ones included: their bits must not move.
+  for (uint32_t base = 0; base < 0x10000u; base += 16) {
+    vorta::bf16 in[16], out[16];
+    for (int i = 0; i < 16; ++i) in[i].bits = uint16_t(base + i);
+    Vec8 a, b;
+    vorta::cpu::load_split(in, a, b);
+    vorta::cpu::store_split_arith(a, b, out);
+    for (int i = 0; i < 16; ++i) ASSERT_EQ(out[i].bits, in[i].bits) << base + i;
+  }
+}
+
+template <class Code, bool Stream>
+void expect_every_half_encodes_like_the_code() {
+  for (uint32_t base = 0; base < 0x10000u; base += 16) {
+    vorta::half in[16];
+    alignas(16) uint8_t out[16];
+    for (int i = 0; i < 16; ++i) in[i].bits = uint16_t(base + i);
+    vorta::cpu::encode_codes16<Code, Stream>(in, out);
+    vorta::cpu::stream_fence();
+    for (int i = 0; i < 16; ++i) ASSERT_EQ(out[i], vorta::kv::encode<Code>(in[i].bits)) << base + i;
+  }
+}
+
+TEST(Simd, EncodeCodes16CodesEveryHalfPattern) {
+  expect_every_half_encodes_like_the_code<vorta::kv::KeyCode, false>();
+  expect_every_half_encodes_like_the_code<vorta::kv::ValueCode, false>();
+  expect_every_half_encodes_like_the_code<vorta::kv::KeyCode, true>();
+  expect_every_half_encodes_like_the_code<vorta::kv::ValueCode, true>();
+}

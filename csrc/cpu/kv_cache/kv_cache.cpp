@@ -1,3 +1,6 @@
+#include <cstdint>
+#include <type_traits>
+
 #include "common/kv_codes.h"
 #include "common/numeric.h"
 #include "cpu/kv_cache.h"
@@ -10,11 +13,19 @@ VORTA_ISA_BEGIN
 namespace {
 
 
+// Codes are written past the caches when one call writes more than this: the
+// cache then holds more than the caches would keep until a reader came, and
+// a cached store first reads the line it fills.
+constexpr int64_t kStreamBytes = int64_t(8) << 20;
+
 // n elements of a key or value row to codes, and back. Float elements are
-// rounded to half first; decoded values are exact in float and in half.
-template <class Code, typename T>
+// rounded to half first; half ones are coded from their bits, sixteen at a
+// time. Decoded values are exact in float and in half.
+template <class Code, bool Stream, typename T>
 void encode_row(const T* src, uint8_t* dst, int64_t n) {
   int64_t i = 0;
+  if constexpr (std::is_same_v<T, half>)
+    for (; i + 16 <= n; i += 16) encode_codes16<Code, Stream>(src + i, dst + i);
   for (; i + 8 <= n; i += 8) narrow_codes<Code>(Vec8::load(src + i), dst + i);
   for (; i < n; ++i) dst[i] = kv::encode<Code>(from_float<half>(to_float(src[i])).bits);
 }
@@ -48,6 +59,7 @@ void for_each_row(const KvRows& g, int64_t row_bytes, F row) {
         }
       }
     }
+    stream_fence();  // streamed codes are ordered before whatever follows the call
   });
 }
 
@@ -69,8 +81,22 @@ void convert_rows(const KvConvertParams<Src, Dst>& p, Convert convert) {
 
 template <typename T>
 void quantize_key_value(const KvConvertParams<T, uint8_t>& p) {
+  const KvRows& g = p.rows;
+  const int64_t codes = g.bsz * g.num_heads * g.seq_len * (p.key_dim + p.value_dim);
+  // Streamed rows start on 8 bytes, so every 8-byte store is aligned.
+  const auto aligned = [](const int64_t* stride, const uint8_t* base) {
+    return reinterpret_cast<uintptr_t>(base) % 8 == 0 && stride[0] % 8 == 0 && stride[1] % 8 == 0 &&
+           stride[2] % 8 == 0;
+  };
+  if (std::is_same_v<T, half> && codes > kStreamBytes && aligned(g.key_out_stride, p.key_out) &&
+      aligned(g.value_out_stride, p.value_out)) {
+    convert_rows(p, [](auto code, const T* src, uint8_t* dst, int64_t n) {
+      encode_row<decltype(code), true>(src, dst, n);
+    });
+    return;
+  }
   convert_rows(p, [](auto code, const T* src, uint8_t* dst, int64_t n) {
-    encode_row<decltype(code)>(src, dst, n);
+    encode_row<decltype(code), false>(src, dst, n);
   });
 }
 

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cmath>
+#include <type_traits>
 #include <vector>
 
 #include "common/numeric.h"
@@ -79,12 +80,45 @@ void expand_pairs(const float* c, const float* s, int64_t stride, int64_t pairs,
   }
 }
 
+// bf16 rows go sixteen elements at a time as load_split's two vectors (even
+// and odd elements): the rounding is integer work, and a pair of bf16 values
+// shares a 32-bit lane, so splitting and joining them is the cheap way in and
+// out. The tables hold each such block in the same lane order.
+template <typename T>
+inline constexpr bool kSplit = std::is_same_v<T, bf16>;
+
+// Puts each full block of sixteen of t[0, n) in load_split's lane order.
+template <typename T>
+void split_blocks(float* t, int64_t n) {
+  if constexpr (kSplit<T>) {
+    for (int64_t i = 0; i + 16 <= n; i += 16) {
+      Vec8 a, b;
+      load_split(t + i, a, b);
+      a.store(t + i);
+      b.store(t + i + 8);
+    }
+  }
+}
+
 // row[i], row[i + half] <- x1*c - x2*s, x2*c + x1*s for i < half; each
 // product and the sum or difference rounded to T. The tables hold T values,
 // so every intermediate is arithmetic on T values (round_arith).
 template <typename T>
 void rotate_half_row(T* row, const float* c, const float* s, int64_t half) {
   int64_t i = 0;
+  if constexpr (kSplit<T>) {
+    for (; i + 16 <= half; i += 16) {
+      Vec8 x1a, x1b, x2a, x2b;
+      load_split(row + i, x1a, x1b);
+      load_split(row + half + i, x2a, x2b);
+      const Vec8 ca = Vec8::load(c + i), cb = Vec8::load(c + i + 8);
+      const Vec8 sa = Vec8::load(s + i), sb = Vec8::load(s + i + 8);
+      store_split_arith(round_arith<T>(x1a * ca) - round_arith<T>(x2a * sa),
+                        round_arith<T>(x1b * cb) - round_arith<T>(x2b * sb), row + i);
+      store_split_arith(round_arith<T>(x2a * ca) + round_arith<T>(x1a * sa),
+                        round_arith<T>(x2b * cb) + round_arith<T>(x1b * sb), row + half + i);
+    }
+  }
   for (; i + 8 <= half; i += 8) {
     const Vec8 x1 = Vec8::load(row + i), x2 = Vec8::load(row + half + i);
     const Vec8 cv = Vec8::load(c + i), sv = Vec8::load(s + i);
@@ -104,6 +138,18 @@ void rotate_half_row(T* row, const float* c, const float* s, int64_t half) {
 template <typename T>
 void rotate_pairs_row(T* row, const float* cd, const float* sd, int64_t n) {
   int64_t k = 0;
+  if constexpr (kSplit<T>) {
+    // load_split parts the pairs: each element's partner sits in the same
+    // lane of the other vector.
+    for (; k + 16 <= n; k += 16) {
+      Vec8 xa, xb;
+      load_split(row + k, xa, xb);
+      store_split_arith(
+          round_arith<T>(xa * Vec8::load(cd + k)) + round_arith<T>(xb * Vec8::load(sd + k)),
+          round_arith<T>(xb * Vec8::load(cd + k + 8)) + round_arith<T>(xa * Vec8::load(sd + k + 8)),
+          row + k);
+    }
+  }
   for (; k + 8 <= n; k += 8) {
     const Vec8 x = Vec8::load(row + k);
     store_arith(round_arith<T>(x * Vec8::load(cd + k)) + round_arith<T>(swap_pairs(x) * Vec8::load(sd + k)),
@@ -190,7 +236,14 @@ void rotary_inv_freq(const RotaryFreqParams<T>& p) {
   auto prepare = [&, f = freq.data()](int64_t b, int64_t s, float* t) {
     const int64_t pos = p.position_ids[(p.position_rows == 1 ? 0 : b * p.position_stride) + s];
     angle_table<T>(float(pos), f, padded, t, t + padded);
-    if (every_two) expand_pairs(t, t + padded, 1, half, t + 2 * padded, t + 4 * padded);
+    if (every_two) {
+      expand_pairs(t, t + padded, 1, half, t + 2 * padded, t + 4 * padded);
+      split_blocks<T>(t + 2 * padded, 2 * half);
+      split_blocks<T>(t + 4 * padded, 2 * half);
+    } else {
+      split_blocks<T>(t, half);
+      split_blocks<T>(t + padded, half);
+    }
   };
   if (every_two)
     for_each_row(p.query, p.key, p.rows, head_dim, 6 * padded, prepare, [&](T* row, const float* t) {
@@ -215,6 +268,8 @@ void rotary_with_cache(const RotaryCacheParams<T>& p) {
         [&](int64_t, int64_t s, float* t) {
           load_row(cos + s * rotary_dim, t, half);
           load_row(sin + s * rotary_dim, t + half, half);
+          split_blocks<T>(t, half);
+          split_blocks<T>(t + half, half);
         },
         [&](T* row, const float* t) { rotate_half_row(row, t, t + half, half); });
     return;
@@ -229,6 +284,8 @@ void rotary_with_cache(const RotaryCacheParams<T>& p) {
         load_row(cos + s * rotary_dim, c, read);
         load_row(sin + s * rotary_dim, sn, read);
         expand_pairs(c, sn, interleaved ? 2 : 1, half, t, t + n);
+        split_blocks<T>(t, n);
+        split_blocks<T>(t + n, n);
       },
       [&](T* row, const float* t) { rotate_pairs_row(row, t, t + n, n); });
 }

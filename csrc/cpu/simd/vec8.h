@@ -21,8 +21,13 @@
 //     of arithmetic on T values (NaNs already quiet and fitting T), reduce_add(a), reduce_max(a), broadcast_max(a),
 //     transpose_add(a[8]) (lane t: the sum of a[t]), transpose8(a[8]),
 //     keep_in_register(a) (one load of a widened value feeds several FMAs)
+//   load_split(p, a, b) for float and bf16: sixteen elements, the even ones
+//     in a, the odd ones in b (how AVX2 widens bf16 pairs cheaply);
+//     store_split_arith(a, b, p): store_arith<bf16> of both, back in order
 //   widen_codes<Code>(p): eight 8-bit cache codes as their exact values;
-//     narrow_codes<Code>(a, p): eight values (rounded to half) as codes.
+//     narrow_codes<Code>(a, p): eight values (rounded to half) as codes;
+//     encode_codes16<Code, Stream>(h, p): sixteen half values as codes, the
+//     stores past the caches when Stream (stream_fence() after the last).
 #pragma once
 
 #include <cstdint>

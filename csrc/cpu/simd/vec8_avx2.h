@@ -174,25 +174,33 @@ inline Vec8 round_to(Vec8 a) {
     return a;
 }
 
+namespace detail {
+
+// The bf16 rounding of a result of arithmetic on bf16 values in the high
+// halves (the low halves are left over).
+inline __m256i bf16_round_high(__m256 v) {
+  const __m256i b = _mm256_castps_si256(v);
+  const __m256i lsb = _mm256_and_si256(_mm256_srli_epi32(b, 16), _mm256_set1_epi32(1));
+  return _mm256_add_epi32(_mm256_add_epi32(b, _mm256_set1_epi32(0x7fff)), lsb);
+}
+
+}  // namespace detail
+
 // round_to<T> and store for the results of arithmetic on T values: their
 // NaNs are already quiet with a payload that fits T, so the round to nearest
 // keeps them and the NaN fix-up is left out. Same bits as round_to and store.
 template <typename T>
 inline Vec8 round_arith(Vec8 a) {
-  if constexpr (std::is_same_v<T, bf16>) {
-    const __m256i b = _mm256_castps_si256(a.v);
-    const __m256i lsb = _mm256_and_si256(_mm256_srli_epi32(b, 16), _mm256_set1_epi32(1));
-    const __m256i r = _mm256_add_epi32(_mm256_add_epi32(b, _mm256_set1_epi32(0x7fff)), lsb);
-    return {_mm256_castsi256_ps(_mm256_and_si256(r, _mm256_set1_epi32(int(0xffff0000u))))};
-  } else {
+  if constexpr (std::is_same_v<T, bf16>)
+    return {_mm256_castsi256_ps(_mm256_and_si256(detail::bf16_round_high(a.v), _mm256_set1_epi32(int(0xffff0000u))))};
+  else
     return round_to<T>(a);
-  }
 }
 
 template <typename T>
 inline void store_arith(Vec8 a, T* p) {
   if constexpr (std::is_same_v<T, bf16>) {
-    const __m256i r = _mm256_srli_epi32(_mm256_castps_si256(round_arith<bf16>(a).v), 16);
+    const __m256i r = _mm256_srli_epi32(detail::bf16_round_high(a.v), 16);
     _mm_storeu_si128(reinterpret_cast<__m128i*>(p),
                      _mm_packus_epi32(_mm256_castsi256_si128(r), _mm256_extracti128_si256(r, 1)));
   } else {
@@ -200,6 +208,29 @@ inline void store_arith(Vec8 a, T* p) {
   }
 }
 
+// Sixteen values as two vectors: a holds the even elements, b the odd ones,
+// in order. A bf16 pair shares a 32-bit lane, so each half is a shift or a
+// mask away, and a blend puts two rounded halves back.
+inline void load_split(const bf16* p, Vec8& a, Vec8& b) {
+  const __m256i x = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
+  a.v = _mm256_castsi256_ps(_mm256_slli_epi32(x, 16));
+  b.v = _mm256_castsi256_ps(_mm256_and_si256(x, _mm256_set1_epi32(int(0xffff0000u))));
+}
+inline void load_split(const float* p, Vec8& a, Vec8& b) {
+  const __m256 lo = _mm256_loadu_ps(p), hi = _mm256_loadu_ps(p + 8);
+  // shuffle_ps works within 128-bit halves: elements 0 2 8 10 | 4 6 12 14.
+  const auto order = [](__m256 v) {
+    return _mm256_castpd_ps(_mm256_permute4x64_pd(_mm256_castps_pd(v), 0xd8));
+  };
+  a.v = order(_mm256_shuffle_ps(lo, hi, _MM_SHUFFLE(2, 0, 2, 0)));
+  b.v = order(_mm256_shuffle_ps(lo, hi, _MM_SHUFFLE(3, 1, 3, 1)));
+}
+
+inline void store_split_arith(Vec8 a, Vec8 b, bf16* p) {
+  const __m256i even = _mm256_srli_epi32(detail::bf16_round_high(a.v), 16);
+  _mm256_storeu_si256(reinterpret_cast<__m256i*>(p),
+                      _mm256_blend_epi16(even, detail::bf16_round_high(b.v), 0xaa));
+}
 
 // The float bits of a decoded code, sign << 31 | (m + kOffset) << 20 |
 // 0x40 << 13 plus the exponent rebias, built from the sign-extended byte.
@@ -221,6 +252,25 @@ inline void narrow_codes(Vec8 x, uint8_t* p) {
   __m128i r = _mm_sub_epi16(_mm_srli_epi16(a, 7), _mm_set1_epi16(short(Code::kOffset)));
   r = _mm_or_si128(r, _mm_and_si128(_mm_srli_epi16(h, 8), _mm_set1_epi16(0x80)));
   _mm_storel_epi64(reinterpret_cast<__m128i*>(p), _mm_packus_epi16(r, r));
+}
+
+// Sixteen fp16 values to codes straight from their bit patterns (the clamp
+// of the code is integer min/max on magnitudes), past the caches when Stream.
+template <class Code, bool Stream>
+inline void encode_codes16(const half* src, uint8_t* dst) {
+  const __m256i h = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(src));
+  __m256i a = _mm256_and_si256(h, _mm256_set1_epi16(0x7fff));
+  a = _mm256_min_epi16(a, _mm256_set1_epi16(short(Code::kMax)));
+  a = _mm256_max_epi16(a, _mm256_set1_epi16(short(Code::kMin)));
+  __m256i r = _mm256_sub_epi16(_mm256_srli_epi16(a, 7), _mm256_set1_epi16(short(Code::kOffset)));
+  r = _mm256_or_si256(r, _mm256_and_si256(_mm256_srli_epi16(h, 8), _mm256_set1_epi16(0x80)));
+  const __m128i bytes = _mm_packus_epi16(_mm256_castsi256_si128(r), _mm256_extracti128_si256(r, 1));
+  if constexpr (Stream) {
+    _mm_stream_si64(reinterpret_cast<long long*>(dst), _mm_cvtsi128_si64(bytes));
+    _mm_stream_si64(reinterpret_cast<long long*>(dst + 8), _mm_extract_epi64(bytes, 1));
+  } else {
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(dst), bytes);
+  }
 }
 
 VORTA_ISA_END

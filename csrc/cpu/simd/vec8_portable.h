@@ -164,6 +164,27 @@ inline void store_arith(Vec8 a, T* p) {
   a.store(p);
 }
 
+namespace detail {
+
+// Element of a block of sixteen in lane i of load_split's first (b = 0) or
+// second (b = 1) vector.
+inline int split_element(int b, int i) { return 2 * i + b; }
+
+}  // namespace detail
+
+template <typename T>
+inline void load_split(const T* p, Vec8& a, Vec8& b) {
+  a = Vec8::map([&](int i) { return to_float(p[detail::split_element(0, i)]); });
+  b = Vec8::map([&](int i) { return to_float(p[detail::split_element(1, i)]); });
+}
+
+inline void store_split_arith(Vec8 a, Vec8 b, bf16* p) {
+  for (int i = 0; i < 8; ++i) {
+    p[detail::split_element(0, i)] = from_float<bf16>(a.v[i]);
+    p[detail::split_element(1, i)] = from_float<bf16>(b.v[i]);
+  }
+}
+
 template <class Code>
 inline Vec8 widen_codes(const uint8_t* p) {
   return Vec8::map([&](int i) { return half_bits_to_float(kv::decode<Code>(p[i])); });
@@ -172,6 +193,11 @@ inline Vec8 widen_codes(const uint8_t* p) {
 template <class Code>
 inline void narrow_codes(Vec8 x, uint8_t* p) {
   for (int i = 0; i < 8; ++i) p[i] = kv::encode<Code>(float_to_half_bits(x.v[i]));
+}
+
+template <class Code, bool Stream>
+inline void encode_codes16(const half* src, uint8_t* dst) {
+  for (int i = 0; i < 16; ++i) dst[i] = kv::encode<Code>(src[i].bits);
 }
 
 VORTA_ISA_END
