@@ -12,6 +12,7 @@ sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 
 from vorta_llm.config import LlamaConfig  # noqa: E402
 from vorta_llm.generate import generate, pick  # noqa: E402
+from vorta_llm.matvec import matvec  # noqa: E402
 from vorta_llm.model import VortaLlama, missing_ops  # noqa: E402
 from vorta_llm.moe import MoEWeights, moe_mlp  # noqa: E402
 from vorta_llm.reference import ReferenceLlama, fake_quant_key, fake_quant_value, reference_moe  # noqa: E402
@@ -93,6 +94,25 @@ def test_long_cache_grouped_decode(device, kv_cache):
     w = random_weights(cfg, seed=6, tied=False)
     ours, ref = side_by_side(cfg, w, device, kv_cache, batch=1, prompt_len=2100, steps=3)
     assert_same_run(ours, ref, atol=2e-3)
+
+
+@pytest.mark.skipif(matvec is None, reason="the demo's native module was not built")
+@pytest.mark.parametrize("rows, cols", [(1, 1), (7, 15), (9, 16), (13, 33), (576, 1536), (1027, 576)])
+@pytest.mark.parametrize("tokens", [1, 3])
+def test_matvec_against_float64(rows, cols, tokens):
+    """Row groups of four with a remainder, 16-column steps with a tail, several token rows,
+    a strided x, token-column output and accumulation into what out held."""
+    g = torch.Generator().manual_seed(rows * 31 + cols)
+    w = torch.randn(rows, cols, generator=g)
+    x = torch.randn(tokens, cols + 5, generator=g)[:, 2:cols + 2]
+    want = x.double() @ w.double().t()
+    out = torch.full((tokens, rows), float("nan"))
+    matvec(x, w, out, False)
+    torch.testing.assert_close(out.double(), want, rtol=1e-5, atol=1e-5 * cols ** 0.5)
+    cols_out = torch.randn(rows, tokens, generator=g)
+    start = cols_out.double().t() + want
+    matvec(x, w, cols_out.t(), True)
+    torch.testing.assert_close(cols_out.t().double(), start, rtol=1e-5, atol=1e-5 * cols ** 0.5)
 
 
 def test_fake_quant_follows_the_byte_code():

@@ -11,7 +11,6 @@ Elsewhere the graph takes the eager loop's steps as they are, with the position 
 from __future__ import annotations
 
 import torch
-import torch.nn.functional as F
 
 from .model import VortaLlama
 
@@ -69,7 +68,7 @@ class CompiledLlama(VortaLlama):
             return super()._attention(i, h, b, L)
         c, ops, lw = self.cfg, self.ops, self.layers[i]
         H, K, D = c.num_heads, c.num_kv_heads, c.head_dim
-        qkv = F.linear(h, lw["wqkv"]).view(b, 1, H + 2 * K, D)
+        qkv = self._linear(h, lw["wqkv"], None).view(b, 1, H + 2 * K, D)
         q, k, v = (t.transpose(1, 2) for t in qkv.split([H, K, K], dim=2))
         if self.rope == "cache":
             ops.rotary_half_with_cache_inplaced(q, k, self.cos[self.position], self.sin[self.position])

@@ -8,8 +8,11 @@ read `cache[l][:, :, :pos + L]` as strided views, so the decode loop copies no h
 
 A decode step streams every weight once, so its speed is set by memory bandwidth: weights keep
 the [out, in] layout whose rows the matrix-vector products read contiguously, query/key/value
-and gate/up are each one product, the residual adds ride on the output and down products
-(`addmm_`), and the activations go to buffers made once per token count.
+and gate/up are each one product, the residual adds ride on the output and down products,
+and the activations go to buffers made once per token count. The products of a few token rows
+run on the float32 matrix-vector kernel of vorta_llm.matvec where it was built (torch's
+matrix-vector path reads weights at about half the bandwidth on 2 threads); the prompt's
+products stay with torch's matrix product.
 """
 from __future__ import annotations
 
@@ -19,6 +22,7 @@ from types import SimpleNamespace
 import torch
 
 from .config import LlamaConfig
+from .matvec import matvec
 from .moe import MoEWeights, moe_mlp
 
 # Operators the loop calls, per cache kind and rotary kind.
@@ -37,6 +41,10 @@ def missing_ops(ops, kv_cache="full", rope="cache", moe_routing=()):
     names += ["moe_softmax_topk" if r == "softmax" else "moe_group_topk" for r in moe_routing]
     return [n for n in names if not hasattr(ops, n)]
 
+
+# Token rows up to which a product goes to the matrix-vector kernel: each weight row is read
+# once and applied to every token row from L1.
+MATVEC_TOKENS = 4
 
 # The buffers of a step traced by torch.compile: none (out=None), so that the compiled graph
 # plans its own memory, which a CUDA graph then replays in place.
@@ -99,6 +107,8 @@ class VortaLlama:
         self.v_cache = torch.zeros(shape, dtype=cache_dtype, device=self.device)
         self.pos = 0
         self._work = {}
+        self._matvec = matvec if (matvec is not None and self.device.type == "cpu"
+                                  and dtype == torch.float32) else None
 
     def reset(self):
         self.pos = 0
@@ -130,12 +140,27 @@ class VortaLlama:
                 gate_up=make(2 * c.intermediate_size, n), logits=make(self.batch, c.vocab_size))
         return work
 
+    def _linear(self, x, weight, out, accumulate=False):
+        """out = x @ weight.T, or out += x @ weight.T, for x [tokens, in] and weight [out, in]
+        (out None: a new tensor, in a traced step)."""
+        if out is None:
+            out = x.new_empty(x.shape[0], weight.shape[0])
+        if self._matvec is not None and x.shape[0] <= MATVEC_TOKENS and x.stride(-1) == 1:
+            self._matvec(x, weight, out, accumulate)
+        elif accumulate:
+            out.addmm_(x, weight.t())
+        elif out.t().is_contiguous() and not out.is_contiguous():
+            torch.mm(weight, x.t(), out=out.t())   # token columns: the product's own layout
+        else:
+            torch.mm(x, weight.t(), out=out)
+        return out
+
     # -- one layer -------------------------------------------------------------------------
 
     def _attention(self, i, h, b, L):
         c, ops, lw = self.cfg, self.ops, self.layers[i]
         H, K, D, pos = c.num_heads, c.num_kv_heads, c.head_dim, self.pos
-        qkv = torch.mm(h, lw["wqkv"].t(), out=self._buffers(b * L).qkv).view(b, L, H + 2 * K, D)
+        qkv = self._linear(h, lw["wqkv"], self._buffers(b * L).qkv).view(b, L, H + 2 * K, D)
         q = qkv[:, :, :H].transpose(1, 2)            # [b, H, L, D] strided views of qkv
         k = qkv[:, :, H:H + K].transpose(1, 2)
         v = qkv[:, :, H + K:].transpose(1, 2)
@@ -172,10 +197,13 @@ class VortaLlama:
             return
         lw, inter = self.layers[i], self.cfg.intermediate_size
         # Token columns: gate and up come out as dense [inter, tokens] halves of one product.
-        gate_up = torch.mm(lw["w_gate_up"], h.t(), out=self._buffers(h.shape[0]).gate_up)
+        gate_up = self._buffers(h.shape[0]).gate_up
+        if gate_up is None:
+            gate_up = h.new_empty(2 * inter, h.shape[0])
+        self._linear(h, lw["w_gate_up"], gate_up.t())
         gate = gate_up[:inter]
         self.ops.mlp_silu_mul_inplaced(gate, gate_up[inter:])
-        x.addmm_(gate.t(), lw["w_down"].t())
+        self._linear(gate.t(), lw["w_down"], x, accumulate=True)
 
     # -- steps -----------------------------------------------------------------------------
 
@@ -203,11 +231,11 @@ class VortaLlama:
         x = torch.index_select(self.embed, 0, tokens.reshape(-1), out=work.x)   # [b * L, hidden]
         for i, lw in enumerate(self.layers):
             h = ops.rms_norm(lw["attn_norm"], x, c.rms_eps)
-            x.addmm_(self._attention(i, h, b, L), lw["wo"].t())
+            self._linear(self._attention(i, h, b, L), lw["wo"], x, accumulate=True)
             h = ops.rms_norm(lw["ffn_norm"], x, c.rms_eps)
             self._mlp(i, h, x)
         last = x.view(b, L, -1)[:, -1].contiguous()
-        logits = torch.mm(ops.rms_norm(self.norm, last, c.rms_eps), self.lm_head.t(), out=work.logits)
+        logits = self._linear(ops.rms_norm(self.norm, last, c.rms_eps), self.lm_head, work.logits)
         return logits.float()
 
     def penalize(self, scores: torch.Tensor, history: torch.Tensor, penalty: float) -> torch.Tensor:
