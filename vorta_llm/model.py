@@ -48,7 +48,7 @@ MATVEC_TOKENS = 4
 
 # The buffers of a step traced by torch.compile: none (out=None), so that the compiled graph
 # plans its own memory, which a CUDA graph then replays in place.
-_TRACED = SimpleNamespace(x=None, qkv=None, gate_up=None, logits=None)
+_TRACED = SimpleNamespace(x=None, qkv=None, gate_up=None, logits=None, q=None)
 
 
 class VortaLlama:
@@ -128,16 +128,22 @@ class VortaLlama:
         return total
 
     def _buffers(self, n):
-        """Activations of a step over n token rows, made once per n: decode steps reuse them."""
+        """Activations of a step over n token rows and the views the layers take of them, made
+        once per n: decode steps reuse them."""
         if torch.compiler.is_compiling():
             return _TRACED
         work = self._work.get(n)
         if work is None:
             c = self.cfg
+            H, K, D, inter = c.num_heads, c.num_kv_heads, c.head_dim, c.intermediate_size
             make = lambda *shape: torch.empty(shape, dtype=self.dtype, device=self.device)  # noqa: E731
             work = self._work[n] = SimpleNamespace(
-                x=make(n, c.hidden_size), qkv=make(n, (c.num_heads + 2 * c.num_kv_heads) * c.head_dim),
-                gate_up=make(2 * c.intermediate_size, n), logits=make(self.batch, c.vocab_size))
+                x=make(n, c.hidden_size), qkv=make(n, (H + 2 * K) * D),
+                gate_up=make(2 * inter, n), logits=make(self.batch, c.vocab_size))
+            # [b, heads, L, D] strided views of the query/key/value product; gate and up rows.
+            qkv = work.qkv.view(self.batch, n // self.batch, H + 2 * K, D)
+            work.q, work.k, work.v = (t.transpose(1, 2) for t in qkv.split([H, K, K], dim=2))
+            work.gate, work.up = work.gate_up[:inter], work.gate_up[inter:]
         return work
 
     def _linear(self, x, weight, out, accumulate=False):
@@ -160,10 +166,13 @@ class VortaLlama:
     def _attention(self, i, h, b, L):
         c, ops, lw = self.cfg, self.ops, self.layers[i]
         H, K, D, pos = c.num_heads, c.num_kv_heads, c.head_dim, self.pos
-        qkv = self._linear(h, lw["wqkv"], self._buffers(b * L).qkv).view(b, L, H + 2 * K, D)
-        q = qkv[:, :, :H].transpose(1, 2)            # [b, H, L, D] strided views of qkv
-        k = qkv[:, :, H:H + K].transpose(1, 2)
-        v = qkv[:, :, H + K:].transpose(1, 2)
+        work = self._buffers(b * L)
+        if work.q is None:   # a traced step: views of the product the graph allocates
+            qkv = self._linear(h, lw["wqkv"], None).view(b, L, H + 2 * K, D)
+            q, k, v = (t.transpose(1, 2) for t in qkv.split([H, K, K], dim=2))
+        else:
+            self._linear(h, lw["wqkv"], work.qkv)
+            q, k, v = work.q, work.k, work.v
         if self.rope == "cache":
             ops.rotary_half_with_cache_inplaced(q, k, self.cos[pos:pos + L], self.sin[pos:pos + L])
         else:
@@ -197,12 +206,14 @@ class VortaLlama:
             return
         lw, inter = self.layers[i], self.cfg.intermediate_size
         # Token columns: gate and up come out as dense [inter, tokens] halves of one product.
-        gate_up = self._buffers(h.shape[0]).gate_up
-        if gate_up is None:
+        work = self._buffers(h.shape[0])
+        if work.q is None:   # a traced step
             gate_up = h.new_empty(2 * inter, h.shape[0])
+            gate, up = gate_up[:inter], gate_up[inter:]
+        else:
+            gate_up, gate, up = work.gate_up, work.gate, work.up
         self._linear(h, lw["w_gate_up"], gate_up.t())
-        gate = gate_up[:inter]
-        self.ops.mlp_silu_mul_inplaced(gate, gate_up[inter:])
+        self.ops.mlp_silu_mul_inplaced(gate, up)
         self._linear(gate.t(), lw["w_down"], x, accumulate=True)
 
     # -- steps -----------------------------------------------------------------------------
