@@ -4,7 +4,7 @@ import pytest
 import torch
 
 import vorta_addons
-from helpers import assert_fatal, kv_round_trip
+from helpers import Canary, assert_fatal, kv_round_trip
 
 GROUP = "kv_cache"
 BIAS = {"key": 9, "value": 12}
