@@ -48,7 +48,7 @@ MATVEC_TOKENS = 4
 
 # The buffers of a step traced by torch.compile: none (out=None), so that the compiled graph
 # plans its own memory, which a CUDA graph then replays in place.
-_TRACED = SimpleNamespace(x=None, qkv=None, gate_up=None, logits=None, q=None)
+_TRACED = SimpleNamespace(x=None, qkv=None, gate_up=None, logits=None)
 
 
 class VortaLlama:
@@ -167,7 +167,7 @@ class VortaLlama:
         c, ops, lw = self.cfg, self.ops, self.layers[i]
         H, K, D, pos = c.num_heads, c.num_kv_heads, c.head_dim, self.pos
         work = self._buffers(b * L)
-        if work.q is None:   # a traced step: views of the product the graph allocates
+        if work is _TRACED:   # views of the product the graph allocates
             qkv = self._linear(h, lw["wqkv"], None).view(b, L, H + 2 * K, D)
             q, k, v = (t.transpose(1, 2) for t in qkv.split([H, K, K], dim=2))
         else:
@@ -207,7 +207,7 @@ class VortaLlama:
         lw, inter = self.layers[i], self.cfg.intermediate_size
         # Token columns: gate and up come out as dense [inter, tokens] halves of one product.
         work = self._buffers(h.shape[0])
-        if work.q is None:   # a traced step
+        if work is _TRACED:
             gate_up = h.new_empty(2 * inter, h.shape[0])
             gate, up = gate_up[:inter], gate_up[inter:]
         else:

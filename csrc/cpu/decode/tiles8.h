@@ -45,25 +45,21 @@ void score_tile8(const TileRows& t, int64_t i, const C* k, const C* v, int nk) {
     Vec8 acc[(N + 7) / 8 * 8];
     for (Vec8& a : acc) a = Vec8::zero();
     for (int64_t c = 0; c < d; c += 8) {
-      if constexpr (K == 3) {
-        for (int u = 0; u < K; ++u) {
-          Vec8 x = widen8<kv::KeyCode>(key[u] + c);
-          keep_in_register(x);
-          for (int r = 0; r < R; ++r) acc[r * K + u] = fmadd(Vec8::load(t.q + (i + r) * d + c), x, acc[r * K + u]);
-        }
-      } else {
-        Vec8 q[R];
+      // Rows held in registers for the K keys, except with twelve chains, where
+      // the registers are the accumulators' and each FMA reads its row slice.
+      constexpr bool kHoldRows = K != 3;
+      Vec8 q[R];
+      if constexpr (kHoldRows)
         for (int r = 0; r < R; ++r) {
-          // Loaded once for the K keys: folded into each FMA, the loads would outnumber them.
           Vec8 row = Vec8::load(t.q + (i + r) * d + c);
           if (K > 1) keep_in_register(row);
           q[r] = row;
         }
-        for (int u = 0; u < K; ++u) {
-          Vec8 x = widen8<kv::KeyCode>(key[u] + c);
-          if (R > 1) keep_in_register(x);
-          for (int r = 0; r < R; ++r) acc[r * K + u] = fmadd(q[r], x, acc[r * K + u]);
-        }
+      for (int u = 0; u < K; ++u) {
+        Vec8 x = widen8<kv::KeyCode>(key[u] + c);
+        if (R > 1) keep_in_register(x);
+        for (int r = 0; r < R; ++r)
+          acc[r * K + u] = fmadd(kHoldRows ? q[r] : Vec8::load(t.q + (i + r) * d + c), x, acc[r * K + u]);
       }
     }
     float dots[sizeof(acc) / sizeof(Vec8)];

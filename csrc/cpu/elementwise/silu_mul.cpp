@@ -14,7 +14,6 @@ void silu_mul(const SiluMulParams<T>& p) {
   const Vec8 one = Vec8::broadcast(1.0f);
   T* gate = p.gate;
   const T* up = p.up;
-  const Vec8 lo_arg = Vec8::broadcast(-125.0f), hi_arg = Vec8::broadcast(127.0f);
   parallel_for(0, p.nelem / 8, grain_for(8 * 3 * int64_t(sizeof(T))), [=](int64_t lo, int64_t hi) {
     int64_t i = lo * 8;
     // kGroup vectors per step, their operations side by side (one vector's
@@ -28,7 +27,7 @@ void silu_mul(const SiluMulParams<T>& p) {
         g[k] = Vec8::load(gate + i + 8 * k), u[k] = Vec8::load(up + i + 8 * k), a[k] = g[k] * c;
       Vec8 least = a[0], most = a[0];
       for (int k = 1; k < kGroup; ++k) least = min(least, a[k]), most = max(most, a[k]);
-      if (lane_bits(bit_and(cmp_ge(least, lo_arg), cmp_le(most, hi_arg))) == 0xffu)
+      if (exp2_normal_range(least, most))
         for (int k = 0; k < kGroup; ++k) e[k] = exp2_normal(a[k]);
       else
         for (int k = 0; k < kGroup; ++k) e[k] = exp2(a[k]);

@@ -88,16 +88,16 @@ void quantize_key_value(const KvConvertParams<T, uint8_t>& p) {
     return reinterpret_cast<uintptr_t>(base) % 8 == 0 && stride[0] % 8 == 0 && stride[1] % 8 == 0 &&
            stride[2] % 8 == 0;
   };
-  if (std::is_same_v<T, half> && codes > kStreamBytes && aligned(g.key_out_stride, p.key_out) &&
-      aligned(g.value_out_stride, p.value_out)) {
+  const auto encode = [&](auto stream) {
     convert_rows(p, [](auto code, const T* src, uint8_t* dst, int64_t n) {
-      encode_row<decltype(code), true>(src, dst, n);
+      encode_row<decltype(code), decltype(stream)::value>(src, dst, n);
     });
-    return;
-  }
-  convert_rows(p, [](auto code, const T* src, uint8_t* dst, int64_t n) {
-    encode_row<decltype(code), false>(src, dst, n);
-  });
+  };
+  if (std::is_same_v<T, half> && codes > kStreamBytes && aligned(g.key_out_stride, p.key_out) &&
+      aligned(g.value_out_stride, p.value_out))
+    encode(std::true_type{});
+  else
+    encode(std::false_type{});
 }
 
 template <typename T>

@@ -91,10 +91,14 @@ inline Vec8 exp2_normal(Vec8 v) {
   return scale_pow2(exp_detail::exp2_poly(v - n), n);
 }
 
+// Whether every lane of least >= -125 and every lane of most <= 127: then
+// exp2_normal serves all arguments between them.
+inline bool exp2_normal_range(Vec8 least, Vec8 most) {
+  return lane_bits(bit_and(cmp_ge(least, Vec8::broadcast(-125.0f)), cmp_le(most, Vec8::broadcast(127.0f)))) == 0xffu;
+}
+
 inline Vec8 exp2(Vec8 v) {
-  const Vec8 ok = bit_and(cmp_ge(v, Vec8::broadcast(-125.0f)), cmp_le(v, Vec8::broadcast(127.0f)));
-  if (lane_bits(ok) != 0xffu) return exp_detail::exp2_any(v);
-  return exp2_normal(v);
+  return exp2_normal_range(v, v) ? exp2_normal(v) : exp_detail::exp2_any(v);
 }
 
 inline Vec8 fast_exp(Vec8 x) {
