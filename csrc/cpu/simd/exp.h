@@ -9,6 +9,8 @@
 //   it (-inf included), so that keys scored -inf weigh nothing. The attention
 //   kernels' softmax statistics, where the summation order is free anyway;
 //   its 16-lane form (simd/vec16_avx512.h) is built from the same constants.
+// - exp2_normal_for_half: exp2 over the normal range, about 2^-18 relative,
+//   for values rounded to half next (the 16-bit attention softmax).
 // - tanh, from fast_exp: the soft cap of gemma2 attention.
 //
 // Written on Vec8 alone, so one definition serves every instruction set.
@@ -30,6 +32,10 @@ inline constexpr float kExp2Poly[6] = {1.535336188319500e-4f, 1.339887440266574e
                                        9.618437357674640e-3f, 5.550332471162809e-2f,
                                        2.402264791363012e-1f, 6.931472028550421e-1f};
 inline constexpr float kExp2Hi = 128.0f, kExp2Lo = -150.0f;
+// The same on [-1/2, 1/2] to within 2.9e-6 relative, for results rounded to
+// half (whose spacing is 2^-10 relative): 1 + f * (c3 + ... + f * c0).
+inline constexpr float kExp2PolyForHalf[4] = {9.582745842635632e-3f, 5.590614676475525e-2f,
+                                              2.402409911155701e-1f, 6.931242346763611e-1f};
 
 // log2(e) as a float (bits 0x3FB8AA3B); e^x is exp2(x * kLog2e) where
 // results are fixed.
@@ -89,6 +95,16 @@ inline Vec8 exp2_poly(Vec8 f) {
 inline Vec8 exp2_normal(Vec8 v) {
   const Vec8 n = round_nearest(v);
   return scale_pow2(exp_detail::exp2_poly(v - n), n);
+}
+
+// exp2_normal to within 3e-6 relative (about 2^-18), for a value that is
+// rounded to half next: its spacing of 2^-10 leaves that far below a half ulp.
+inline Vec8 exp2_normal_for_half(Vec8 v) {
+  using namespace exp_constants;
+  const Vec8 n = round_nearest(v), f = v - n;
+  Vec8 p = Vec8::broadcast(kExp2PolyForHalf[0]);
+  for (int i = 1; i < 4; ++i) p = fmadd(p, f, Vec8::broadcast(kExp2PolyForHalf[i]));
+  return scale_pow2(fmadd(p, f, Vec8::broadcast(1.0f)), n);
 }
 
 // Whether every lane of least >= -125 and every lane of most <= 127: then
