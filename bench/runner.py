@@ -11,6 +11,7 @@ It puts the operator beside one of two limits:
   call reads and those it writes (an in-place operator reads and writes its target; a meta
   tensor stands for an output the call allocates). The copy moves (read + written) / 2
   bytes, so it too reads and writes the same total, and both report (read + written) / time.
+  On the CPU the operator and its copy are called in turn, so that both see the same host.
 - compute (cases with `flops`): the fastest large matrix product torch runs on this device
   (see `matmul_peaks`), in float32 or in the case's dtype where that is faster.
 
@@ -103,6 +104,32 @@ def cpu_median(fn, setup=None, budget_s=None) -> float:
     return statistics.median(times)
 
 
+def cpu_interleaved_medians(fns, setups, budget_s=None) -> List[float]:
+    """Median wall time of each of fns in seconds, called in rounds (each once per round,
+    setups[i] before fns[i], untimed): one untimed round, then rounds until the budget
+    (per function) is spent, at least MIN_RUNS. Other tenants of the host move its memory
+    bandwidth by a third within minutes; interleaved, a drift touches every function alike
+    and their ratio holds."""
+    budget_s = (BUDGET_S if budget_s is None else budget_s) * len(fns)
+    calls = list(zip(fns, setups))
+    t0 = time.perf_counter()
+    for fn, setup in calls:
+        if setup:
+            setup()
+        fn()
+    min_runs = MIN_RUNS if time.perf_counter() - t0 < budget_s else 1
+    times = [[] for _ in calls]
+    deadline = time.perf_counter() + budget_s
+    while len(times[0]) < min_runs or (time.perf_counter() < deadline and len(times[0]) < MAX_RUNS):
+        for (fn, setup), ts in zip(calls, times):
+            if setup:
+                setup()
+            t = time.perf_counter()
+            fn()
+            ts.append(time.perf_counter() - t)
+    return [statistics.median(ts) for ts in times]
+
+
 def _cuda_event_seconds(fn, setup, runs) -> List[float]:
     """Seconds of each of `runs` calls of fn(), each between two CUDA events."""
     pairs = []
@@ -165,6 +192,15 @@ def timer_for(device) -> Callable:
     return TIMERS[kind]
 
 
+def medians_for(device, fns, setups) -> List[float]:
+    """Seconds per call of each of fns: interleaved on the CPU, one after another on a GPU
+    (whose memory no other process shares)."""
+    if torch.device(device).type == "cpu":
+        return cpu_interleaved_medians(fns, setups)
+    timer = timer_for(device)
+    return [timer(fn, setup) for fn, setup in zip(fns, setups)]
+
+
 # -- limits -------------------------------------------------------------------------------
 
 class CopyLimit:
@@ -174,14 +210,18 @@ class CopyLimit:
         self.device = torch.device(device)
         self.src = self.dst = torch.empty(0, dtype=torch.uint8, device=self.device)
 
-    def seconds(self, moved: int) -> float:
+    def call(self, moved: int) -> Callable[[], object]:
+        """The copy that reads and writes `moved` bytes in all."""
         n = max(1, (moved + 1) // 2)
         if n > self.src.numel():
             self.src = self.dst = None
             self.src = torch.full((n,), 7, dtype=torch.uint8, device=self.device)
             self.dst = torch.zeros(n, dtype=torch.uint8, device=self.device)
         src, dst = self.src[:n], self.dst[:n]
-        return timer_for(self.device)(lambda: dst.copy_(src))
+        return lambda: dst.copy_(src)
+
+    def seconds(self, moved: int) -> float:
+        return timer_for(self.device)(self.call(moved))
 
 
 def matmul_peaks(device, dtypes=(torch.float32, torch.float16, torch.bfloat16)) -> dict:
@@ -249,7 +289,14 @@ def run(case: Case, copy: Optional[CopyLimit], peaks: dict, use_compile=True) ->
         except Exception as e:  # a baseline that does not run is reported, not fatal
             errors[name] = _short_error(e)
 
-    ours_us = timer(case.ours, setup_fn) * 1e6
+    # A memory-bound case and its copy are timed together (see medians_for).
+    moved = {"read": nbytes(case.reads), "written": nbytes(case.writes)}
+    total = moved["read"] + moved["written"]
+    if case.flops:
+        ours_us, copy_us = timer(case.ours, setup_fn) * 1e6, None
+    else:
+        ours_us, copy_us = (s * 1e6 for s in medians_for(case.device, [case.ours, copy.call(total)],
+                                                          [setup_fn, None]))
     measure("eager", lambda: case.composite(*case.args))
     compile_s, compile_note = None, None
     if use_compile:
@@ -298,9 +345,6 @@ def run(case: Case, copy: Optional[CopyLimit], peaks: dict, use_compile=True) ->
         row.update(flops=case.flops, limit={"kind": "compute", "of": label, "GFLOP/s": peak},
                    achieved={"GFLOP/s": achieved}, fraction=achieved / peak)
     else:
-        moved = {"read": nbytes(case.reads), "written": nbytes(case.writes)}
-        total = moved["read"] + moved["written"]
-        copy_us = copy.seconds(total) * 1e6
         row.update(bytes=moved, limit={"kind": "memory", "of": "copy", "copy_us": copy_us,
                                        "GB/s": total / copy_us / 1e3},
                    achieved={"GB/s": total / ours_us / 1e3}, fraction=copy_us / ours_us)
