@@ -11,7 +11,8 @@ It puts the operator beside one of two limits:
   call reads and those it writes (an in-place operator reads and writes its target; a meta
   tensor stands for an output the call allocates). The copy moves (read + written) / 2
   bytes, so it too reads and writes the same total, and both report (read + written) / time.
-  On the CPU the operator and its copy are called in turn, so that both see the same host.
+  On the CPU the operator and its copy are called in turn when they move 64 MiB or more,
+  so that both see the same host.
 - compute (cases with `flops`): the fastest large matrix product torch runs on this device
   (see `matmul_peaks`), in float32 or in the case's dtype where that is faster.
 
@@ -192,10 +193,17 @@ def timer_for(device) -> Callable:
     return TIMERS[kind]
 
 
-def medians_for(device, fns, setups) -> List[float]:
-    """Seconds per call of each of fns: interleaved on the CPU, one after another on a GPU
-    (whose memory no other process shares)."""
-    if torch.device(device).type == "cpu":
+# Bytes moved from which a CPU case and its copy are timed in turn: the data leaves the
+# last-level cache anyway. A smaller case stays in the caches between calls when timed
+# alone, and timed in turn with its copy, each would evict the other.
+INTERLEAVE_BYTES = 64 << 20
+
+
+def medians_for(device, moved, fns, setups) -> List[float]:
+    """Seconds per call of each of fns, cases that move `moved` bytes: interleaved on the CPU
+    from INTERLEAVE_BYTES up, else one after another (a GPU's memory is not shared with
+    other processes)."""
+    if torch.device(device).type == "cpu" and moved >= INTERLEAVE_BYTES:
         return cpu_interleaved_medians(fns, setups)
     timer = timer_for(device)
     return [timer(fn, setup) for fn, setup in zip(fns, setups)]
@@ -295,7 +303,7 @@ def run(case: Case, copy: Optional[CopyLimit], peaks: dict, use_compile=True) ->
     if case.flops:
         ours_us, copy_us = timer(case.ours, setup_fn) * 1e6, None
     else:
-        ours_us, copy_us = (s * 1e6 for s in medians_for(case.device, [case.ours, copy.call(total)],
+        ours_us, copy_us = (s * 1e6 for s in medians_for(case.device, total, [case.ours, copy.call(total)],
                                                           [setup_fn, None]))
     measure("eager", lambda: case.composite(*case.args))
     compile_s, compile_note = None, None

@@ -25,7 +25,9 @@ def short_budget(monkeypatch):
     monkeypatch.setattr(runner, "BUDGET_S", 0.002)
 
 
-def test_in_place_case_sees_its_input_restored_at_every_call():
+@pytest.mark.parametrize("interleave_bytes", [0, runner.INTERLEAVE_BYTES])  # in turn with the copy, alone
+def test_in_place_case_sees_its_input_restored_at_every_call(interleave_bytes, monkeypatch):
+    monkeypatch.setattr(runner, "INTERLEAVE_BYTES", interleave_bytes)
     x = torch.arange(256, dtype=torch.float32)
     seen = []
 
