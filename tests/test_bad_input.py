@@ -328,22 +328,21 @@ pre = ("k = torch.randn(1, 2, 3, 64)\nv = torch.randn(1, 2, 3, 64)\n"
        "ko = torch.zeros(1, 2, 3, 64, dtype=torch.uint8)\nvo = torch.zeros(1, 2, 3, 64, dtype=torch.uint8)\n")
 c(op, "nan_inf", pre + "k[0, 0, 0, :3] = torch.tensor([nan, inf, -inf])\nv[0, 1, 2, :3] = torch.tensor([nan, inf, -inf])\n"
   + qkv_, quantized_nan_inf)
-c(op, "empty_seq", pre.replace(", 3, 64", ", 0, 64") + qkv_, unchanged("ko", "vo"))
 c(op, "output_float", pre + "ko = ko.float()\n" + qkv_, (RuntimeError, "expected scalar type Byte but found Float"))
-c(op, "output_too_short", pre + "vo = vo[:, :, :2]\n" + qkv_, SEQ_LEN)
 c(op, "float64", pre + "k, v = k.double(), v.double()\n" + qkv_, (RuntimeError, FLOAT_HALF))
-c(op, "meta", pre + "k, v, ko, vo = (t.to('meta') for t in (k, v, ko, vo))\n" + qkv_, (RuntimeError, META_DATA))
 c(op, "none_output", pre + "out = va.quantize_key_value(k, v, None, vo)", (TypeError, op + PYBIND))
+quantize_pre = pre
 op, dq = "dequantize_key_value", "out = va.dequantize_key_value(k, v, ko, vo)"
 pre = ("k = torch.randint(0, 256, (1, 2, 3, 64), dtype=torch.uint8)\nv = torch.randint(0, 256, (1, 2, 3, 64), "
        "dtype=torch.uint8)\nko = torch.zeros(1, 2, 3, 64)\nvo = torch.zeros(1, 2, 3, 64)\n")
 c(op, "every_code", pre + dq, codes_round_trip)
-c(op, "empty_seq", pre.replace(", 3, 64", ", 0, 64") + dq, unchanged("ko", "vo"))
 c(op, "input_float", pre + "k = k.float()\n" + dq, (RuntimeError, "expected scalar type Byte but found Float"))
-c(op, "output_too_short", pre + "vo = vo[:, :, :2]\n" + dq, SEQ_LEN)
 c(op, "output_float64", pre + "ko, vo = ko.double(), vo.double()\n" + dq, (RuntimeError, FLOAT_HALF))
-c(op, "meta", pre + "k, v, ko, vo = (t.to('meta') for t in (k, v, ko, vo))\n" + dq, (RuntimeError, META_DATA))
 c(op, "none_key", pre + "out = va.dequantize_key_value(None, v, ko, vo)", (TypeError, op + PYBIND))
+for op, pre, call in (("quantize_key_value", quantize_pre, qkv_), ("dequantize_key_value", pre, dq)):
+    c(op, "empty_seq", pre.replace(", 3, 64", ", 0, 64") + call, unchanged("ko", "vo"))
+    c(op, "output_too_short", pre + "vo = vo[:, :, :2]\n" + call, SEQ_LEN)
+    c(op, "meta", pre + "k, v, ko, vo = (t.to('meta') for t in (k, v, ko, vo))\n" + call, (RuntimeError, META_DATA))
 
 # Repetition penalty: scores [bsz, vocab], ids [bsz, seq_len] int64.
 op, rp = "repetition_penalty_logits_process_inplaced", "out = va.repetition_penalty_logits_process_inplaced(s, ids, 1.5)"

@@ -68,12 +68,19 @@ inline uint16_t float_to_half_bits(float f) {
 
 inline float bf16_bits_to_float(uint16_t b) { return bits_float(uint32_t(b) << 16); }
 
+// binary32 -> bfloat16 for the result of arithmetic on bfloat16 values: round
+// to nearest, ties to even, no NaN fix-up (such NaNs are quiet and fit
+// bfloat16; one that came in untouched keeps its bits).
+inline uint16_t float_to_bf16_bits_arith(float f) {
+  const uint32_t x = float_bits(f);
+  return uint16_t((x + 0x7fffu + ((x >> 16) & 1u)) >> 16);
+}
+
 // binary32 -> bfloat16, round to nearest, ties to even (NaN stays NaN).
 inline uint16_t float_to_bf16_bits(float f) {
-  uint32_t x = float_bits(f);
+  const uint32_t x = float_bits(f);
   if ((x & 0x7fffffffu) > 0x7f800000u) return uint16_t((x >> 16) | 0x40u);
-  x += 0x7fffu + ((x >> 16) & 1u);
-  return uint16_t(x >> 16);
+  return float_to_bf16_bits_arith(f);
 }
 
 inline float to_float(float v) { return v; }

@@ -43,21 +43,6 @@ TEST(Simd, TransposeAddSumsEachVector) {
   for (int t = 0; t < 8; ++t) EXPECT_EQ(s[t], 8.0f * float(t + 1));
 }
 
-TEST(Simd, LoadSplitPutsEvenElementsInOneVectorAndOddInTheOther) {
-  float f[16];
-  vorta::bf16 h[16];
-  for (int i = 0; i < 16; ++i) f[i] = float(i), h[i] = vorta::from_float<vorta::bf16>(float(i));
-  Vec8 a, b, ha, hb;
-  vorta::cpu::load_split(f, a, b);
-  vorta::cpu::load_split(h, ha, hb);
-  for (int i = 0; i < 8; ++i) {
-    EXPECT_EQ(a[i], float(2 * i));
-    EXPECT_EQ(b[i], float(2 * i + 1));
-    EXPECT_EQ(ha[i], a[i]);
-    EXPECT_EQ(hb[i], b[i]);
-  }
-}
-
 TEST(Simd, EveryBf16PatternSurvivesLoadSplitAndStoreSplit) {
   // NaNs with payloads and signalling ones included: their bits must not move.
   for (uint32_t base = 0; base < 0x10000u; base += 16) {

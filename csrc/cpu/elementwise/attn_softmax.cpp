@@ -90,10 +90,7 @@ void softmax_row(T* x, int64_t n, float* e) {
   Vec8 s;
   if (normal) {
     // A 16-bit result is rounded to half: the shorter polynomial serves.
-    if constexpr (kConvert)
-      s = exp_body(x, n, body, e, [](Vec8 a) { return exp2_normal_for_half(a); }, v);
-    else
-      s = exp_body(x, n, body, e, [](Vec8 a) { return exp2_normal(a); }, v);
+    s = exp_body(x, n, body, e, [](Vec8 a) { return kConvert ? exp2_normal_for_half(a) : exp2_normal(a); }, v);
     if (lane_bits(cmp_eq(s, s)) != 0xffu) s = exp_body(x, n, body, e, [](Vec8 a) { return exp2(a); }, v);
   } else {
     s = exp_body(x, n, body, e, [](Vec8 a) { return exp2(a); }, v);

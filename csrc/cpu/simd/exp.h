@@ -69,10 +69,12 @@ inline float exp2_scalar(float x) {
 
 namespace exp_detail {
 
-inline Vec8 exp2_poly(Vec8 f) {
-  using namespace exp_constants;
-  Vec8 p = Vec8::broadcast(kExp2Poly[0]);
-  for (int i = 1; i < 6; ++i) p = fmadd(p, f, Vec8::broadcast(kExp2Poly[i]));
+// 1 + f * (c[N-1] + f * (... + f * c[0])), 2^f for |f| <= 1/2 with kExp2Poly
+// or kExp2PolyForHalf.
+template <int N>
+inline Vec8 exp2_poly(Vec8 f, const float (&c)[N]) {
+  Vec8 p = Vec8::broadcast(c[0]);
+  for (int i = 1; i < N; ++i) p = fmadd(p, f, Vec8::broadcast(c[i]));
   return fmadd(p, f, Vec8::broadcast(1.0f));
 }
 
@@ -84,7 +86,7 @@ inline Vec8 exp2_poly(Vec8 f) {
   const Vec8 x = max(Vec8::broadcast(kExp2Lo), min(Vec8::broadcast(kExp2Hi), v));
   const Vec8 n = round_nearest(x);
   const Vec8 a = floor(n * Vec8::broadcast(0.5f));
-  return (exp2_poly(x - n) * pow2(a)) * pow2(n - a);
+  return (exp2_poly(x - n, kExp2Poly) * pow2(a)) * pow2(n - a);
 }
 
 }  // namespace exp_detail
@@ -94,17 +96,14 @@ inline Vec8 exp2_poly(Vec8 f) {
 // exactly, as exp2_any's two multiplications would. A NaN gives a NaN.
 inline Vec8 exp2_normal(Vec8 v) {
   const Vec8 n = round_nearest(v);
-  return scale_pow2(exp_detail::exp2_poly(v - n), n);
+  return scale_pow2(exp_detail::exp2_poly(v - n, exp_constants::kExp2Poly), n);
 }
 
 // exp2_normal to within 3e-6 relative (about 2^-18), for a value that is
 // rounded to half next: its spacing of 2^-10 leaves that far below a half ulp.
 inline Vec8 exp2_normal_for_half(Vec8 v) {
-  using namespace exp_constants;
-  const Vec8 n = round_nearest(v), f = v - n;
-  Vec8 p = Vec8::broadcast(kExp2PolyForHalf[0]);
-  for (int i = 1; i < 4; ++i) p = fmadd(p, f, Vec8::broadcast(kExp2PolyForHalf[i]));
-  return scale_pow2(fmadd(p, f, Vec8::broadcast(1.0f)), n);
+  const Vec8 n = round_nearest(v);
+  return scale_pow2(exp_detail::exp2_poly(v - n, exp_constants::kExp2PolyForHalf), n);
 }
 
 // Whether every lane of least >= -125 and every lane of most <= 127: then

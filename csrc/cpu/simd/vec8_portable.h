@@ -154,22 +154,10 @@ inline Vec8 round_to(Vec8 a) {
   return Vec8::map([&](int i) { return to_float(from_float<T>(a.v[i])); });
 }
 
-namespace detail {
-
-// Round to nearest, ties to even, with no NaN fix-up: for the results of
-// arithmetic, whose NaNs are quiet and fit bf16, these are from_float's bits,
-// and a NaN that came in untouched keeps its bits (as the AVX2 path does).
-inline bf16 bf16_round_arith(float v) {
-  const uint32_t x = float_bits(v);
-  return bf16{uint16_t((x + 0x7fffu + ((x >> 16) & 1u)) >> 16)};
-}
-
-}  // namespace detail
-
 template <typename T>
 inline Vec8 round_arith(Vec8 a) {
   if constexpr (std::is_same_v<T, bf16>)
-    return Vec8::map([&](int i) { return to_float(detail::bf16_round_arith(a.v[i])); });
+    return Vec8::map([&](int i) { return bf16_bits_to_float(float_to_bf16_bits_arith(a.v[i])); });
   else
     return round_to<T>(a);
 }
@@ -177,7 +165,7 @@ inline Vec8 round_arith(Vec8 a) {
 template <typename T>
 inline void store_arith(Vec8 a, T* p) {
   if constexpr (std::is_same_v<T, bf16>)
-    for (int i = 0; i < 8; ++i) p[i] = detail::bf16_round_arith(a.v[i]);
+    for (int i = 0; i < 8; ++i) p[i].bits = float_to_bf16_bits_arith(a.v[i]);
   else
     a.store(p);
 }
@@ -198,8 +186,8 @@ inline void load_split(const T* p, Vec8& a, Vec8& b) {
 
 inline void store_split_arith(Vec8 a, Vec8 b, bf16* p) {
   for (int i = 0; i < 8; ++i) {
-    p[detail::split_element(0, i)] = detail::bf16_round_arith(a.v[i]);
-    p[detail::split_element(1, i)] = detail::bf16_round_arith(b.v[i]);
+    p[detail::split_element(0, i)].bits = float_to_bf16_bits_arith(a.v[i]);
+    p[detail::split_element(1, i)].bits = float_to_bf16_bits_arith(b.v[i]);
   }
 }
 
