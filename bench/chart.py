@@ -1,6 +1,6 @@
 """The chart of one benchmark run: per row, the fraction of this machine's limit reached
-(copy bandwidth or matmul peak), and the speed-up over the eager composite and over
-torch.compile of it."""
+(copy bandwidth or matmul peak; a black tick where a row's compute floor makes the larger of
+the two the limit), and the speed-up over the eager composite and over torch.compile of it."""
 import matplotlib
 
 matplotlib.use("Agg")
@@ -26,12 +26,16 @@ def draw(result: dict, path: str) -> None:
     clip = 1.3
     for i, r in enumerate(rows):   # the value at the bar's end; bars past the axis are cut
         left.text(min(r["fraction"], clip) + 0.01, i, f"{r['fraction']:.2f}", va="center", fontsize=6)
+    for i, r in enumerate(rows):   # against the larger limit where the compute floor is it
+        if r.get("roofline_fraction", r["fraction"]) > r["fraction"]:
+            left.plot([min(r["roofline_fraction"], clip)] * 2, [i - 0.4, i + 0.4], color="k", lw=1.2)
     left.set_xlim(0, clip + 0.12)
     left.axvline(0.85, color="k", lw=0.8, ls="--")
     left.axvline(1.0, color="k", lw=0.6)
     left.set_yticks(list(y), [_label(r) for r in rows], fontsize=7)
     left.set_xlabel("fraction of the limit (dashed: 0.85)", fontsize=8)
-    left.set_title("blue: copy bandwidth, orange: matmul peak; pale: decode sizes", fontsize=8)
+    left.set_title("blue: copy bandwidth, orange: matmul peak; pale: decode sizes;\n"
+                   "tick: against the compute floor where it exceeds the copy", fontsize=8)
     left.tick_params(axis="x", labelsize=7)
 
     h = 0.38

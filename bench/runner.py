@@ -16,6 +16,11 @@ It puts the operator beside one of two limits:
 - compute (cases with `flops`): the fastest large matrix product torch runs on this device
   (see `matmul_peaks`), in float32 or in the case's dtype where that is faster.
 
+A memory-bound case may also name the arithmetic it cannot avoid (`min_flops`, decode
+attention's two products): the row then adds the time that takes at the same peak, and its
+fraction of the larger of the two limits, so that a row the copy cannot explain shows which
+limit binds.
+
 On the CPU times are wall-clock; on a CUDA GPU they are CUDA-event intervals, and decode-sized
 cases are also timed as replays of a CUDA graph of many calls, which leaves out the host's
 launch overhead.
@@ -52,6 +57,7 @@ class Case:
     reads: List[torch.Tensor]                # what one call reads ...
     writes: List[torch.Tensor]               # ... and writes (meta tensors for fresh outputs)
     flops: Optional[float] = None            # compute-bound: the limit is the matmul peak
+    min_flops: Optional[float] = None        # memory-bound, but at least this much arithmetic
     baselines: Dict[str, Callable[[], object]] = dataclasses.field(default_factory=dict)
     restore: List[torch.Tensor] = dataclasses.field(default_factory=list)  # overwritten inputs
     # Compiled instead of `composite` when torch.compile cannot compile that (same arguments).
@@ -356,6 +362,11 @@ def run(case: Case, copy: Optional[CopyLimit], peaks: dict, use_compile=True) ->
         row.update(bytes=moved, limit={"kind": "memory", "of": "copy", "copy_us": copy_us,
                                        "GB/s": total / copy_us / 1e3},
                    achieved={"GB/s": total / ours_us / 1e3}, fraction=copy_us / ours_us)
+        if case.min_flops:
+            peak, label = compute_limit(peaks, case.dtype)
+            floor_us = case.min_flops / peak / 1e3
+            row.update(compute_floor={"of": label, "flops": case.min_flops, "GFLOP/s": peak, "us": floor_us},
+                       roofline_fraction=max(copy_us, floor_us) / ours_us)
     return row
 
 
@@ -380,6 +391,11 @@ def format_row(row) -> str:
         others += (", " if others else "") + "in a CUDA graph: " + ", ".join(
             f"{n} {us:.2f} us" for n, us in row["graph_us"].items())
     extra = [f"{n}: {e}" for n, e in row["baseline_errors"].items()] + ([row["note"]] if "note" in row else [])
+    if "compute_floor" in row:
+        floor = row["compute_floor"]
+        binds = "binds" if floor["us"] > row["limit"]["copy_us"] else "below the copy"
+        extra.append(f"compute floor {floor['us']:.1f} us at the {floor['of']} peak ({binds}): "
+                     f"{row['roofline_fraction']:.2f} of the larger limit")
     return (f"{row['op']:<42} {row['dtype']:<8} {row['shape']:<34} {row['ours_us']:>10.1f} "
             f"{_fmt_us(row, 'eager')} {_fmt_us(row, 'compile')} "
             f"{row['achieved'][unit]:>6.1f} {unit:<7} {row['limit'][unit]:>6.1f} {unit:<7} "

@@ -75,6 +75,19 @@ def test_compute_row_is_measured_against_the_peak():
     assert row["fraction"] == pytest.approx(2 * 16 ** 3 / row["ours_us"] / 1e3 / 100.0)
 
 
+@pytest.mark.parametrize("min_flops", [1e3, 1e9])  # a floor below the copy, one that binds
+def test_memory_row_names_its_compute_floor(min_flops):
+    x = torch.ones(1024, dtype=torch.float16)
+    case = Case("scale", "[1024]", "float16", lambda: x.mul(2.0), torch.mul, (x, 2.0), [x],
+                [fresh((1024,), torch.float16)], min_flops=min_flops)
+    row = runner.run(case, CopyLimit("cpu"), PEAKS, use_compile=False)
+    floor_us = min_flops / 100.0 / 1e3  # float16 is put beside the faster float32 product
+    assert row["compute_floor"] == {"of": "float32 matmul", "flops": min_flops, "GFLOP/s": 100.0, "us": floor_us}
+    assert row["limit"]["kind"] == "memory"
+    assert row["roofline_fraction"] == pytest.approx(max(floor_us, row["limit"]["copy_us"]) / row["ours_us"])
+    assert ("(binds)" in runner.format_row(row)) == (floor_us > row["limit"]["copy_us"])
+
+
 @pytest.mark.parametrize("model,slug", [("AMD EPYC 7763 64-Core Processor", "amd-epyc-7763"),
                                         ("Intel(R) Xeon(R) Platinum 8480+", "intel-xeon-platinum-8480"),
                                         ("Intel(R) Core(TM) i7-10700 CPU @ 2.90GHz", "intel-core-i7-10700")])
