@@ -67,9 +67,8 @@ class CompiledLlama(VortaLlama):
         if L > 1 or not self.fixed_shapes:
             return super()._attention(i, h, b, L)
         c, ops, lw = self.cfg, self.ops, self.layers[i]
-        H, K, D = c.num_heads, c.num_kv_heads, c.head_dim
-        qkv = self._linear(h, lw["wqkv"], None).view(b, 1, H + 2 * K, D)
-        q, k, v = (t.transpose(1, 2) for t in qkv.split([H, K, K], dim=2))
+        H, D = c.num_heads, c.head_dim
+        q, k, v = self._qkv_views(self._linear(h, lw["wqkv"], None), b, 1)
         if self.rope == "cache":
             ops.rotary_half_with_cache_inplaced(q, k, self.cos[self.position], self.sin[self.position])
         else:

@@ -140,11 +140,16 @@ class VortaLlama:
             work = self._work[n] = SimpleNamespace(
                 x=make(n, c.hidden_size), qkv=make(n, (H + 2 * K) * D),
                 gate_up=make(2 * inter, n), logits=make(self.batch, c.vocab_size))
-            # [b, heads, L, D] strided views of the query/key/value product; gate and up rows.
-            qkv = work.qkv.view(self.batch, n // self.batch, H + 2 * K, D)
-            work.q, work.k, work.v = (t.transpose(1, 2) for t in qkv.split([H, K, K], dim=2))
+            work.q, work.k, work.v = self._qkv_views(work.qkv, self.batch, n // self.batch)
             work.gate, work.up = work.gate_up[:inter], work.gate_up[inter:]
         return work
+
+    def _qkv_views(self, qkv, b, L):
+        """q, k, v: [b, heads, L, D] strided views of the query/key/value product [b * L, ...]."""
+        c = self.cfg
+        H, K = c.num_heads, c.num_kv_heads
+        parts = qkv.view(b, L, H + 2 * K, c.head_dim).split([H, K, K], dim=2)
+        return tuple(t.transpose(1, 2) for t in parts)
 
     def _linear(self, x, weight, out, accumulate=False):
         """out = x @ weight.T, or out += x @ weight.T, for x [tokens, in] and weight [out, in]
@@ -165,11 +170,10 @@ class VortaLlama:
 
     def _attention(self, i, h, b, L):
         c, ops, lw = self.cfg, self.ops, self.layers[i]
-        H, K, D, pos = c.num_heads, c.num_kv_heads, c.head_dim, self.pos
+        H, D, pos = c.num_heads, c.head_dim, self.pos
         work = self._buffers(b * L)
         if work is _TRACED:   # views of the product the graph allocates
-            qkv = self._linear(h, lw["wqkv"], None).view(b, L, H + 2 * K, D)
-            q, k, v = (t.transpose(1, 2) for t in qkv.split([H, K, K], dim=2))
+            q, k, v = self._qkv_views(self._linear(h, lw["wqkv"], None), b, L)
         else:
             self._linear(h, lw["wqkv"], work.qkv)
             q, k, v = work.q, work.k, work.v
