@@ -84,6 +84,7 @@ SDP_CASES = [
     (torch.float16, 2, 16, 2, 1, 2053, 80, None, True, FINCH, GQA),
     (torch.float32, 1, 3, 1, 1, 2048, 96, "head", False, OTHER, GQA),
     (torch.float16, 1, 12, 4, 1, 600, 192, None, False, KESTREL, GQA),
+    (torch.float16, 1, 32, 8, 1, 4097, 128, "head", True, OTHER, GQA),
 ]
 
 
@@ -95,6 +96,7 @@ FP8_CASES = [
     (torch.float32, 1, 4, 4, 1, 1000, 256, "head", False, KESTREL, {"mha fp8 kernel": 1}),
     (torch.float16, 1, 12, 4, 1, 1000, 128, "head", True, KESTREL, GQA),
     (torch.float32, 2, 16, 2, 1, 2053, 192, None, False, OTHER, GQA),
+    (torch.float16, 1, 32, 8, 1, 4097, 128, "head", True, OTHER, GQA),
 ]
 
 
@@ -133,6 +135,14 @@ def test_every_code_decodes_exactly(on):
     pick[..., 256] = 0.0
     pair = vorta_addons.sdp_fp8(q, k, v, pick, 0.1)
     assert_accurate(pair, q, kv_code_values(k, "key").float(), kv_code_values(v, "value").float(), pick, 0.1)
+
+
+def test_decode_without_keys_gives_zero_rows(device):
+    if device == "cpu":
+        pytest.skip("the CPU backend divides 0 by 0 here")
+    q = torch.randn(1, 4, 1, 64, device=device).half()
+    k = torch.empty(1, 2, 0, 64, dtype=torch.float16, device=device)
+    assert torch.equal(vorta_addons.sdp(q, k, k, None, 1.0).cpu(), torch.zeros(1, 4, 1, 64, dtype=torch.float16))
 
 
 def test_unbalanced_fp8_takes_the_single_pass_even_when_grouping_applies(family, on):

@@ -81,15 +81,17 @@ def test_families_and_head_sizes_without_the_engine_take_the_vector_path(family,
 
 @pytest.mark.parametrize("fam", [OTHER, KESTREL])
 @pytest.mark.parametrize("dtype", [F32, F16])
-@pytest.mark.parametrize("causal,lq,lk", [(True, 33, 33), (False, 4, 129)])
-def test_fp8_caches(family, fam, dtype, causal, lq, lk, device):
+@pytest.mark.parametrize("causal,lq,lk,d,group", [(True, 33, 33, 64, 3), (False, 4, 129, 64, 3),
+                                                   (True, 129, 129, 128, 2), (False, 40, 70, 192, 4),
+                                                   (False, 5, 127, 96, 1)])
+def test_fp8_caches(family, fam, dtype, causal, lq, lk, d, group, device):
     family(fam)
-    kb, vb, kf, vf = fp8_cache(1, 2, lk, 64, seed=lk, device=device)
-    q = torch.randn(1, 6, lq, 64).to(dtype).to(device)
+    kb, vb, kf, vf = fp8_cache(1, 2, lk, d, seed=lk, device=device)
+    q = torch.randn(1, 2 * group, lq, d).to(dtype).to(device)
     op = vorta_addons.sdp_fp8_causal if causal else vorta_addons.sdp_fp8_non_causal
     out = []
     counts = count_records(lambda: out.append(op(q, kb, vb, None, 0.125)), *KERNELS)
-    ran = "sdp vec kernel" if fam == OTHER else "sdp sysa kernel"
+    ran = "sdp sysa kernel" if fam != OTHER and d in (64, 80, 128) else "sdp vec kernel"
     assert counts == {n: int(n == ran) for n in KERNELS}
     check(out[0], q, kf, vf, None, 0.125, causal)
 
@@ -176,3 +178,9 @@ def test_strided_inputs_are_read_in_place(device):
     out = vorta_addons.sdp_causal(q, k, v, None, 0.125)
     check(out, q, k, v, None, 0.125, True)
     check(vorta_addons.gemma2_sdp(q, k, v, None, 30.0, 0.125), q, k, v, None, 0.125, False, 30.0)
+
+
+def test_rows_off_the_16_byte_grid_are_read(device):
+    flat = torch.randn(3, 2 * 40 * 64 + 1).half().to(device)
+    q, k, v = (t[1:].view(1, 2, 40, 64) for t in flat)
+    check(vorta_addons.sdp_causal(q, k, v, None, 0.125), q, k, v, None, 0.125, True)
