@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "cpu/parallel.h"
+#include "cpu/prefetch.h"
 #include "cpu/prefill/micro_kernels.h"
 #include "cpu/prefill/micro_kernels_avx512.h"
 #include "cpu/prefill/problem.h"
@@ -71,6 +72,7 @@ class Worker {
     for (int64_t t0 = 0; t0 < key_end; t0 += kTile) {
       // Keys of this tile that any row of the block may see.
       const int n = int(std::min<int64_t>(kTile, key_end - t0));
+      look_ahead(b, hk, t0 + kTile, key_end);
       scores(key_tile(b, hk, t0), q0, t0, rows, n);
       softmax(b, h, q0, t0, rows, n);
       int64_t ldv = 0;
@@ -135,6 +137,23 @@ class Worker {
     }
   }
 
+  // The next tile's keys and values are fetched while this tile's scores are
+  // computed, a slice per micro-kernel call (fetch_ahead(i, parts)): left to
+  // the hardware's prefetcher, each tile's first kernels wait on L3 or memory.
+  void look_ahead(int64_t b, int64_t hk, int64_t t1, int64_t key_end) {
+    ahead_rows_ = int(std::clamp<int64_t>(key_end - t1, 0, kTile));
+    ahead_k_ = p_.key + b * p_.k_stride[0] + hk * p_.k_stride[1] + t1 * kd_;
+    ahead_v_ = p_.value + b * p_.v_stride[0] + hk * p_.v_stride[1] + t1 * p_.v_stride[2];
+  }
+
+  void fetch_ahead(int i, int parts) const {
+    if (ahead_rows_ == 0) return;
+    const int64_t k = int64_t(kd_) * kTile;  // a whole (zero-padded) tile
+    prefetch_span(ahead_k_, k * i / parts, k * (i + 1) / parts - k * i / parts);
+    for (int j = ahead_rows_ * i / parts; j < ahead_rows_ * (i + 1) / parts; ++j)
+      prefetch_span(ahead_v_ + j * p_.v_stride[2], 0, vd_);
+  }
+
   // Keys of the n from t0 that rows before `end` may see: under the causal
   // mask the others weigh exactly 0, and the 8-lane kernels skip them.
   int visible(int64_t end, int64_t t0, int n) const {
@@ -146,9 +165,11 @@ class Worker {
     if (wide_) {
       // The whole tile in one pass, its first half alone when that is all it holds.
       const int step = n > 32 ? 64 : 32;
-      for (int j = 0; j < n; j += step)
+      const int parts = (n + step - 1) / step * ((rows + kMr - 1) / kMr);
+      for (int j = 0, i = 0; j < n; j += step)
         for (int r = 0; r < rows; r += kMr)
           with_rows(std::min(kMr, rows - r), [&](auto R) {
+            fetch_ahead(i++, parts);
             with_nv(step / 16, [&](auto NV) {
               score_kernel512<R(), NV()>(q_.data() + size_t(r) * kd_, kd_, kt + j, kTile, kd_,
                                          s_.data() + r * kTile + j, kTile);
@@ -158,9 +179,11 @@ class Worker {
     }
 #endif
     // Scores past a row's visible keys are never read: softmax overwrites them.
-    for (int j = 0; j < n; j += 16)
+    const int parts = (n + 15) / 16 * ((rows + kMr - 1) / kMr);
+    for (int j = 0, i = 0; j < n; j += 16)
       for (int r = 0; r < rows; r += kMr)
         with_rows(std::min(kMr, rows - r), [&](auto R) {
+          fetch_ahead(i++, parts);
           if (j < visible(q0 + r + R(), t0, n))
             score_kernel<R()>(q_.data() + size_t(r) * kd_, kd_, kt + j, kTile, kd_,
                               s_.data() + r * kTile + j, kTile);
@@ -240,6 +263,9 @@ class Worker {
   const AttentionProblem<T, KV>& p_;
   const int kd_, vd_;
   std::vector<float> q_, s_, o_, m_, l_, corr_, k_, v_;
+  const KV* ahead_k_ = nullptr;
+  const KV* ahead_v_ = nullptr;
+  int ahead_rows_ = 0;
   bool wide_ = false;
 };
 
@@ -262,15 +288,15 @@ void run_attention(const AttentionProblem<T, KV>& p) {
   if (p.batch == 0 || p.q_heads == 0 || p.q_len == 0) return;
   if (p.kv_len == 0) return store_zeros(p);
   const int64_t blocks = (p.q_len + kBlockRows - 1) / kBlockRows;
-  const int64_t pairs = p.batch * p.q_heads;
-  const int64_t tasks = pairs * blocks;
-  // Tasks are handed out from a shared counter, longest (last causal blocks)
-  // first, to one worker per thread.
+  const int64_t tasks = p.batch * p.q_heads * blocks;
+  // Tasks are handed out from a shared counter to one worker per thread, head
+  // after head, so that the threads share one head's keys and values in the
+  // caches; within a head the longest (last causal) blocks come first.
   std::atomic<int64_t> next{0};
   parallel_for(0, std::min<int64_t>(num_threads(), tasks), 1, [&](int64_t, int64_t) {
     Worker<T, KV> w(p);
     for (int64_t t = next.fetch_add(1); t < tasks; t = next.fetch_add(1)) {
-      const int64_t qb = blocks - 1 - t / pairs, bh = t % pairs;
+      const int64_t qb = blocks - 1 - t % blocks, bh = t / blocks;
       const int64_t q0 = qb * kBlockRows;
       w.run(bh / p.q_heads, bh % p.q_heads, q0, std::min(p.q_len, q0 + kBlockRows));
     }
