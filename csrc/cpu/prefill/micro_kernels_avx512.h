@@ -77,17 +77,16 @@ VORTA_TARGET_AVX512 void value_kernel512(const float* p, int ldp, const float* v
     for (int u = 0; u < NV; ++u) _mm512_storeu_ps(o + r * ldo + 16 * u, acc[r][u]);
 }
 
-// One row of a tile without soft-capping: scores scaled, masked (keys from
+// One row of a tile without soft-capping: scores (scaled already) masked (keys from
 // lim on excluded), turned into probabilities against the updated maximum m;
 // updates m and l and returns the rescaling of earlier sums.
 template <typename T>
 VORTA_TARGET_AVX512 float softmax_row512(float* s, int lim, int computed, const T* mask,
-                                         float scale, float& m, float& l) {
-  const __m512 sc = _mm512_set1_ps(scale);
+                                         float& m, float& l) {
   const __m512 neg_inf = _mm512_set1_ps(-std::numeric_limits<float>::infinity());
   __m512 mx = neg_inf;
   for (int j = 0; j < computed; j += 16) {
-    __m512 x = _mm512_mul_ps(_mm512_loadu_ps(s + j), sc);
+    __m512 x = _mm512_loadu_ps(s + j);
     if (mask) x = _mm512_add_ps(x, avx512::load16(mask + j));
     const int valid = std::max(0, std::min(16, lim - j));
     x = _mm512_mask_mov_ps(neg_inf, __mmask16((1u << valid) - 1u), x);

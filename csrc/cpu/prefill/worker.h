@@ -105,11 +105,14 @@ class Worker {
 
  private:
   void load_queries(int64_t b, int64_t h, int64_t q0, int rows) {
+    const Vec8 scale = Vec8::broadcast(p_.scale);
     const T* base = p_.query + b * p_.q_stride[0] + h * p_.q_stride[1] + q0 * p_.q_stride[2];
     for (int r = 0; r < rows; ++r) {
       float* dst = q_.data() + size_t(r) * kd_;
       load_row(base + r * p_.q_stride[2], dst, p_.q_dim);
       std::fill(dst + p_.q_dim, dst + kd_, 0.0f);
+      // Scaled here, so that the scores come out of the products scaled.
+      for (int c = 0; c < kd_; c += 8) (Vec8::load(dst + c) * scale).store(dst + c);
     }
   }
 
@@ -191,63 +194,107 @@ class Worker {
   }
 
   // Turns the tile's scores into probabilities against the updated running
-  // maximum; corr_ receives each row's rescaling of earlier sums.
+  // maximum; corr_ receives each row's rescaling of earlier sums. Whole rows
+  // of a full tile without mask or soft cap go eight at a time.
   void softmax(int64_t b, int64_t h, int64_t q0, int64_t t0, int rows, int n) {
-    const Vec8 scale = Vec8::broadcast(p_.scale);
+    const bool plain = !wide_ && !p_.mask && !(p_.softcap > 0.0f) && n == kTile;
+    for (int r = 0; r < rows;) {
+      if (plain && r + 8 <= rows && (!p_.causal || q0 + r - t0 + 1 >= n)) {
+        softmax8(r);
+        r += 8;
+      } else {
+        softmax_row(b, h, q0, t0, r++, n);
+      }
+    }
+  }
+
+  // Rows [r, r + 8), their statistics side by side in the lanes of a vector.
+  void softmax8(int r) {
+    float* s = s_.data() + size_t(r) * kTile;
+    Vec8 a[8];
+    for (int i = 0; i < 8; ++i) {
+      const float* row = s + i * kTile;
+      Vec8 m0 = max(Vec8::load(row), Vec8::load(row + 8)), m1 = max(Vec8::load(row + 16), Vec8::load(row + 24));
+      m0 = max(m0, max(Vec8::load(row + 32), Vec8::load(row + 40)));
+      m1 = max(m1, max(Vec8::load(row + 48), Vec8::load(row + 56)));
+      a[i] = max(m0, m1);
+    }
+    transpose8(a);  // lane i of a[k]: a partial maximum of row i
+    Vec8 row_max = a[0];
+    for (int k = 1; k < 8; ++k) row_max = max(row_max, a[k]);
+    const Vec8 m_old = Vec8::load(m_.data() + r), m_new = max(m_old, row_max);
+    // A row with nothing visible yet keeps its zero sums (and no -inf - -inf).
+    const Vec8 none = cmp_eq(m_new, Vec8::broadcast(-std::numeric_limits<float>::infinity()));
+    const Vec8 m_sub = select(none, Vec8::zero(), m_new);
+    const Vec8 corr = select(none, Vec8::broadcast(1.0f), fast_exp(m_old - m_sub));
+    for (int i = 0; i < 8; ++i) {
+      float* row = s + i * kTile;
+      const Vec8 mv = Vec8::broadcast(m_sub[i]);
+      Vec8 sum = Vec8::zero();
+      for (int j = 0; j < kTile; j += 8) {
+        const Vec8 e = fast_exp(Vec8::load(row + j) - mv);
+        e.store(row + j);
+        sum = sum + e;
+      }
+      a[i] = sum;
+    }
+    fmadd(Vec8::load(l_.data() + r), corr, transpose_add(a)).store(l_.data() + r);
+    m_new.store(m_.data() + r);
+    corr.store(corr_.data() + r);
+  }
+
+  void softmax_row(int64_t b, int64_t h, int64_t q0, int64_t t0, int r, int n) {
     const Vec8 cap = Vec8::broadcast(p_.softcap);
     const float neg_inf = -std::numeric_limits<float>::infinity();
     const int computed = (n + 15) / 16 * 16;
-    for (int r = 0; r < rows; ++r) {
-      float* s = s_.data() + r * kTile;
-      const int64_t row = q0 + r;
-      int lim = n;
-      if (p_.causal) lim = int(std::max<int64_t>(0, std::min<int64_t>(n, row - t0 + 1)));
-      const T* mask = p_.mask ? p_.mask + b * p_.m_stride[0] + h * p_.m_stride[1] +
-                                    row * p_.m_stride[2] + t0
-                              : nullptr;
+    float* s = s_.data() + r * kTile;
+    const int64_t row = q0 + r;
+    int lim = n;
+    if (p_.causal) lim = int(std::max<int64_t>(0, std::min<int64_t>(n, row - t0 + 1)));
+    const T* mask = p_.mask ? p_.mask + b * p_.m_stride[0] + h * p_.m_stride[1] + row * p_.m_stride[2] + t0
+                            : nullptr;
 #if VORTA_AVX512
-      if (wide_ && !(p_.softcap > 0.0f)) {
-        corr_[r] = softmax_row512(s, lim, computed, mask, p_.scale, m_[r], l_[r]);
-        continue;
-      }
-#endif
-      Vec8 mx = Vec8::broadcast(neg_inf);
-      const int vec_end = lim / 8 * 8;
-      int j = 0;
-      for (; j < vec_end; j += 8) {
-        Vec8 x = Vec8::load(s + j) * scale;
-        if (p_.softcap > 0.0f) x = cap * tanh(x / cap);
-        if (mask) x = x + Vec8::load(mask + j);
-        x.store(s + j);
-        mx = max(mx, x);
-      }
-      float row_max = reduce_max(mx);
-      for (; j < lim; ++j) {
-        float x = s[j] * p_.scale;
-        if (p_.softcap > 0.0f) x = p_.softcap * std::tanh(x / p_.softcap);
-        if (mask) x += to_float(mask[j]);
-        s[j] = x;
-        row_max = std::max(row_max, x);
-      }
-      for (; j < computed; ++j) s[j] = neg_inf;
-      const float m_new = std::max(m_[r], row_max);
-      if (m_new == neg_inf) {
-        std::fill(s, s + computed, 0.0f);
-        corr_[r] = 1.0f;
-        continue;
-      }
-      const float corr = std::exp(m_[r] - m_new);
-      const Vec8 mv = Vec8::broadcast(m_new);
-      Vec8 sum = Vec8::zero();
-      for (j = 0; j < computed; j += 8) {
-        const Vec8 e = fast_exp(Vec8::load(s + j) - mv);
-        e.store(s + j);
-        sum = sum + e;
-      }
-      l_[r] = l_[r] * corr + reduce_add(sum);
-      m_[r] = m_new;
-      corr_[r] = corr;
+    if (wide_ && !(p_.softcap > 0.0f)) {
+      corr_[r] = softmax_row512(s, lim, computed, mask, m_[r], l_[r]);
+      return;
     }
+#endif
+    Vec8 mx = Vec8::broadcast(neg_inf);
+    const int vec_end = lim / 8 * 8;
+    int j = 0;
+    for (; j < vec_end; j += 8) {
+      Vec8 x = Vec8::load(s + j);
+      if (p_.softcap > 0.0f) x = cap * tanh(x / cap);
+      if (mask) x = x + Vec8::load(mask + j);
+      x.store(s + j);
+      mx = max(mx, x);
+    }
+    float row_max = reduce_max(mx);
+    for (; j < lim; ++j) {
+      float x = s[j];
+      if (p_.softcap > 0.0f) x = p_.softcap * std::tanh(x / p_.softcap);
+      if (mask) x += to_float(mask[j]);
+      s[j] = x;
+      row_max = std::max(row_max, x);
+    }
+    for (; j < computed; ++j) s[j] = neg_inf;
+    const float m_new = std::max(m_[r], row_max);
+    if (m_new == neg_inf) {
+      std::fill(s, s + computed, 0.0f);
+      corr_[r] = 1.0f;
+      return;
+    }
+    const float corr = std::exp(m_[r] - m_new);
+    const Vec8 mv = Vec8::broadcast(m_new);
+    Vec8 sum = Vec8::zero();
+    for (j = 0; j < computed; j += 8) {
+      const Vec8 e = fast_exp(Vec8::load(s + j) - mv);
+      e.store(s + j);
+      sum = sum + e;
+    }
+    l_[r] = l_[r] * corr + reduce_add(sum);
+    m_[r] = m_new;
+    corr_[r] = corr;
   }
 
   void store(int64_t b, int64_t h, int64_t q0, int rows) {
