@@ -31,6 +31,16 @@ static_assert(kGroupedRunKeys % kBlock == 0 && kGroupedRunKeys % kDecodeKeyBlock
 // workspace: floats [units, tile, value_head_dim + 2].
 inline int64_t part_floats(int64_t value_head_dim) { return value_head_dim + 2; }
 
+// Runs body(tile, lo, hi) over the split's units, a row tile per thread;
+// runs of about a thirty-second of the units at a time go to whichever
+// thread is free.
+template <typename T, typename C, typename Body>
+void run_units(const DecodeInputs<T, C>& in, const Split& split, Body&& body) {
+  const int64_t units = split.units();
+  parallel_dynamic(units, std::max<int64_t>(1, units / 32), grain(split.unit_work(in.head_dim, in.value_head_dim)),
+                   [&] { return RowTile<T, C>(in, split.tile); }, body);
+}
+
 template <typename T, typename C>
 Split decode_split(const DecodeInputs<T, C>& in) {
   return Split(in.bsz, in.num_heads, in.kv_heads, in.seq_length, in.kv_len, decode::kMinChunkKeys);
@@ -56,8 +66,7 @@ void decode_attention(const DecodeInputs<T, C>& in, const DecodeOutput<T>& out, 
     return out.data + b * out.stride[0] + h * out.stride[1] + (r % in.seq_length) * out.stride[2];
   };
   float* parts = static_cast<float*>(workspace);
-  parallel_for(0, split.units(), grain(split.unit_work(in.head_dim, dv)), [&](int64_t lo, int64_t hi) {
-    RowTile<T, C> tile(in, split.tile);
+  run_units(in, split, [&](RowTile<T, C>& tile, int64_t lo, int64_t hi) {
     for (int64_t u = lo; u < hi; ++u) {
       const Split::Unit w = split.unit(u);
       tile.bind(w.bg / in.kv_heads, w.bg % in.kv_heads, w.row0, w.n);
@@ -95,8 +104,7 @@ void decode_attention_blocks(const DecodeInputs<T, C>& in, const DecodeBlocks<T>
   const Split split =
       Split::with_chunk_blocks(in.bsz, in.num_heads, in.kv_heads, in.kv_len, kGroupedRunKeys / kBlock);
   const int64_t dv = in.value_head_dim;
-  parallel_for(0, split.units(), grain(split.unit_work(in.head_dim, dv)), [&](int64_t lo, int64_t hi) {
-    RowTile<T, C> tile(in, split.tile);
+  run_units(in, split, [&](RowTile<T, C>& tile, int64_t lo, int64_t hi) {
     for (int64_t u = lo; u < hi; ++u) {
       const Split::Unit w = split.unit(u);
       const int64_t b = w.bg / in.kv_heads, h0 = (w.bg % in.kv_heads) * split.group + w.row0;

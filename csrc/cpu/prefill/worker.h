@@ -4,7 +4,6 @@
 #pragma once
 
 #include <algorithm>
-#include <atomic>
 #include <cassert>
 #include <cmath>
 #include <limits>
@@ -336,18 +335,16 @@ void run_attention(const AttentionProblem<T, KV>& p) {
   if (p.kv_len == 0) return store_zeros(p);
   const int64_t blocks = (p.q_len + kBlockRows - 1) / kBlockRows;
   const int64_t tasks = p.batch * p.q_heads * blocks;
-  // Tasks are handed out from a shared counter to one worker per thread, head
-  // after head, so that the threads share one head's keys and values in the
-  // caches; within a head the longest (last causal) blocks come first.
-  std::atomic<int64_t> next{0};
-  parallel_for(0, std::min<int64_t>(num_threads(), tasks), 1, [&](int64_t, int64_t) {
-    Worker<T, KV> w(p);
-    for (int64_t t = next.fetch_add(1); t < tasks; t = next.fetch_add(1)) {
-      const int64_t qb = blocks - 1 - t % blocks, bh = t / blocks;
-      const int64_t q0 = qb * kBlockRows;
-      w.run(bh / p.q_heads, bh % p.q_heads, q0, std::min(p.q_len, q0 + kBlockRows));
-    }
-  });
+  // One block per task, handed out head after head, so that the threads share
+  // one head's keys and values in the caches; within a head the longest (last
+  // causal) blocks come first.
+  parallel_dynamic(
+      tasks, 1, 1, [&] { return Worker<T, KV>(p); },
+      [&](Worker<T, KV>& w, int64_t t, int64_t) {
+        const int64_t qb = blocks - 1 - t % blocks, bh = t / blocks;
+        const int64_t q0 = qb * kBlockRows;
+        w.run(bh / p.q_heads, bh % p.q_heads, q0, std::min(p.q_len, q0 + kBlockRows));
+      });
 }
 
 }  // namespace prefill
