@@ -14,7 +14,9 @@ It puts the operator beside one of two limits:
   On the CPU the operator and its copy are called in turn when they move 64 MiB or more,
   so that both see the same host.
 - compute (cases with `flops`): the fastest large matrix product torch runs on this device
-  (see `matmul_peaks`), in float32 or in the case's dtype where that is faster.
+  (see `matmul_peaks`), in float32 or in the case's dtype where that is faster. On the CPU
+  the operator and that product (at the size that gave the peak) are called in turn, and
+  the row's limit is the product's speed measured so.
 
 A memory-bound case may also name the arithmetic it cannot avoid (`min_flops`, decode
 attention's two products): the row then adds the time that takes at the same peak, and its
@@ -29,6 +31,7 @@ from __future__ import annotations
 
 import dataclasses
 import datetime
+import functools
 import json
 import os
 import platform
@@ -238,34 +241,49 @@ class CopyLimit:
         return timer_for(self.device)(self.call(moved))
 
 
+def square_product(device, dtype: str, n: int):
+    """(call, flops) of torch.mm of two n x n matrices in `dtype` into a preallocated output."""
+    dt = getattr(torch, dtype)
+    a, b = uniform((n, n), dt, device), uniform((n, n), dt, device)
+    c = torch.empty(n, n, dtype=dt, device=device)
+    return (lambda: torch.mm(a, b, out=c)), 2.0 * n ** 3
+
+
+# The product a compute-bound CPU case is timed in turn with, kept between cases.
+_peak_product = functools.lru_cache(maxsize=2)(square_product)
+
+
 def matmul_peaks(device, dtypes=(torch.float32, torch.float16, torch.bfloat16)) -> dict:
     """GFLOP/s of torch.mm into a preallocated output, per dtype: square sizes doubling from
     256 until one call takes 0.1 s (or 4096), the best size kept. Half-precision products
     without hardware support run orders of magnitude slower, hence the small start."""
     timer = timer_for(device)
     peaks = {}
-    for dtype in dtypes:
+    for dtype in map(dtype_name, dtypes):
         best, n = None, 256
         while True:
-            a, b = uniform((n, n), dtype, device), uniform((n, n), dtype, device)
-            c = torch.empty(n, n, dtype=dtype, device=device)
-            t = timer(lambda: torch.mm(a, b, out=c), budget_s=0.3)
-            gflops = 2.0 * n ** 3 / t / 1e9
-            if best is None or gflops > best["GFLOP/s"]:
-                best = {"GFLOP/s": gflops, "n": n}
+            product, flops = square_product(device, dtype, n)
+            t = timer(product, budget_s=0.3)
+            if best is None or flops / t / 1e9 > best["GFLOP/s"]:
+                best = {"GFLOP/s": flops / t / 1e9, "n": n}
             if t > 0.1 or n >= 4096:
                 break
             n *= 2
-        peaks[dtype_name(dtype)] = best
+        peaks[dtype] = best
     return peaks
 
 
+def limit_dtype(peaks: dict, dtype: str) -> str:
+    """The product a compute-bound case in `dtype` is put beside: float32, or the case's own
+    dtype where that product is faster."""
+    if dtype in peaks and peaks[dtype]["GFLOP/s"] > peaks["float32"]["GFLOP/s"]:
+        return dtype
+    return "float32"
+
+
 def compute_limit(peaks: dict, dtype: str):
-    """(GFLOP/s, label) of the limit for a compute-bound case in `dtype`: the float32 peak,
-    or the case's own dtype where that product is faster."""
-    name = "float32"
-    if dtype in peaks and peaks[dtype]["GFLOP/s"] > peaks[name]["GFLOP/s"]:
-        name = dtype
+    """(GFLOP/s, label) of the limit for a compute-bound case in `dtype` (see limit_dtype)."""
+    name = limit_dtype(peaks, dtype)
     return peaks[name]["GFLOP/s"], f"{name} matmul"
 
 
@@ -306,7 +324,16 @@ def run(case: Case, copy: Optional[CopyLimit], peaks: dict, use_compile=True) ->
     # A memory-bound case and its copy are timed together (see medians_for).
     moved = {"read": nbytes(case.reads), "written": nbytes(case.writes)}
     total = moved["read"] + moved["written"]
-    if case.flops:
+    peak_now = None
+    if case.flops and case.device.type == "cpu":
+        # In turn with the product of its limit, at the size that gave the peak: the host's
+        # speed drifts within minutes, and the drift then touches both alike. An untimed
+        # product before each timed one brings its operands back into the caches.
+        name = limit_dtype(peaks, case.dtype)
+        product, product_flops = _peak_product(case.device, name, peaks[name]["n"])
+        ours_s, product_s = cpu_interleaved_medians([case.ours, product], [setup_fn, product])
+        ours_us, copy_us, peak_now = ours_s * 1e6, None, product_flops / product_s / 1e9
+    elif case.flops:
         ours_us, copy_us = timer(case.ours, setup_fn) * 1e6, None
     else:
         ours_us, copy_us = (s * 1e6 for s in medians_for(case.device, total, [case.ours, copy.call(total)],
@@ -355,6 +382,7 @@ def run(case: Case, copy: Optional[CopyLimit], peaks: dict, use_compile=True) ->
         row["note"] = "; ".join(notes)
     if case.flops:
         peak, label = compute_limit(peaks, case.dtype)
+        peak = peak_now or peak
         achieved = case.flops / ours_us / 1e3
         row.update(flops=case.flops, limit={"kind": "compute", "of": label, "GFLOP/s": peak},
                    achieved={"GFLOP/s": achieved}, fraction=achieved / peak)
