@@ -5,7 +5,7 @@ per key element and query head for the scores, as many for the weighted values):
 sequence on a CPU they take longer at the matmul peak than the copy.
 
 `sdp_fp8` reads the 8-bit cache: its "sdp float16" baseline is our own `sdp` over the same
-cache in float16, so that speed-up is the gain of the 8-bit cache."""
+cache in float16, timed in turn with it, so that speed-up is the gain of the 8-bit cache."""
 import torch
 
 import vorta_addons
@@ -40,4 +40,4 @@ def cases(device):
             yield Case("sdp_fp8", shape, dtype_name(dtype),
                        lambda q=q, k8=k8, v8=v8: vorta_addons.sdp_fp8(q, k8, v8, None, scale),
                        fp8_attention_composite, (q, k8, v8, scale), [q, k8, v8], [out],
-                       baselines={"sdp float16": sdp16}, min_flops=flops, size="decode")
+                       rivals={"sdp float16": sdp16}, min_flops=flops, size="decode")

@@ -62,6 +62,9 @@ class Case:
     flops: Optional[float] = None            # compute-bound: the limit is the matmul peak
     min_flops: Optional[float] = None        # memory-bound, but at least this much arithmetic
     baselines: Dict[str, Callable[[], object]] = dataclasses.field(default_factory=dict)
+    # Baselines timed with ours and its limit, in turn where those are (their ratio to ours
+    # is the figure that matters): another operator of ours on the same data.
+    rivals: Dict[str, Callable[[], object]] = dataclasses.field(default_factory=dict)
     restore: List[torch.Tensor] = dataclasses.field(default_factory=list)  # overwritten inputs
     # Compiled instead of `composite` when torch.compile cannot compile that (same arguments).
     compile_fallback: Optional[Callable] = None
@@ -336,8 +339,15 @@ def run(case: Case, copy: Optional[CopyLimit], peaks: dict, use_compile=True) ->
     elif case.flops:
         ours_us, copy_us = timer(case.ours, setup_fn) * 1e6, None
     else:
-        ours_us, copy_us = (s * 1e6 for s in medians_for(case.device, total, [case.ours, copy.call(total)],
-                                                          [setup_fn, None]))
+        rivals = list(case.rivals.items())
+        medians = medians_for(case.device, total, [case.ours, copy.call(total)] + [fn for _, fn in rivals],
+                              [setup_fn, None] + [setup_fn] * len(rivals))
+        ours_us, copy_us = medians[0] * 1e6, medians[1] * 1e6
+        for (name, fn), t in zip(rivals, medians[2:]):
+            timings[name], timed[name] = t * 1e6, fn
+    for name, fn in case.rivals.items():  # where the limit's timing did not take them
+        if name not in timings:
+            measure(name, fn)
     measure("eager", lambda: case.composite(*case.args))
     compile_s, compile_note = None, None
     if use_compile:

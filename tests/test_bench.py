@@ -47,6 +47,24 @@ def test_in_place_case_sees_its_input_restored_at_every_call(interleave_bytes, m
     assert set(row["speedup"]) == {"eager", "other"}
 
 
+def test_rivals_are_timed_in_turn_with_ours_and_the_copy(monkeypatch):
+    monkeypatch.setattr(runner, "INTERLEAVE_BYTES", 0)
+    x = torch.ones(256)
+    ours, rival = (lambda: x.mul(2.0)), (lambda: x.mul(3.0))
+    rounds = []
+
+    def in_turn(fns, setups):
+        rounds.append(fns)
+        return [1e-6, 2e-6, 3e-6]
+    monkeypatch.setattr(runner, "cpu_interleaved_medians", in_turn)
+    case = Case("scale", "[256]", "float32", ours, torch.mul, (x, 2.0), [x], [fresh((256,), torch.float32)],
+                rivals={"rival": rival})
+    row = runner.run(case, CopyLimit("cpu"), PEAKS, use_compile=False)
+    assert len(rounds) == 1 and rounds[0][0] is ours and rounds[0][2] is rival
+    assert row["limit"]["copy_us"] == pytest.approx(2.0)
+    assert row["baselines_us"]["rival"] == pytest.approx(3.0) and row["speedup"]["rival"] == pytest.approx(3.0)
+
+
 def test_fresh_outputs_count_without_memory_and_failures_are_reported():
     x = torch.ones(64, 32, dtype=torch.float16)
 
