@@ -20,11 +20,11 @@ void parallel_for(int64_t begin, int64_t end, int64_t grain,
 // Number of threads parallel_for may use.
 int num_threads();
 
-// Runs body(lo, hi) over chunks of `step` items of [0, n), handed out in
-// order from a shared counter to one task per thread (at most one task per
-// `per_task` items): a thread that the host slows down takes fewer chunks
-// instead of holding the others up at the end. Each task first calls
-// make_state() for the state it passes to body: body(state, lo, hi).
+// Runs body(state, lo, hi) over chunks [lo, hi) of `step` items of [0, n),
+// handed out in order from a shared counter to one task per thread (at most
+// one task per `per_task` items), each task with the state make_state()
+// returns: a thread that the host slows down takes fewer chunks instead of
+// holding the others up at the end.
 template <typename Make, typename Body>
 void parallel_dynamic(int64_t n, int64_t step, int64_t per_task, Make&& make_state, Body&& body) {
   if (n <= 0) return;
