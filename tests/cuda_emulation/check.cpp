@@ -341,7 +341,7 @@ int main(int argc, char** argv) {
         kv_cache<float>(kd, vd, bsz, heads, seq, pad), kv_cache<vorta::half>(kd, vd, bsz, heads, seq, pad);
   if (on("moe")) {
     for (int64_t tokens : {1, 9})
-      for (auto [n, k] : std::vector<std::pair<int, int>>{{16, 1}, {16, 32}, {64, 6}, {256, 8}, {256, 32}})
+      for (auto [n, k] : std::vector<std::pair<int, int>>{{16, 1}, {16, 16}, {64, 6}, {256, 8}, {256, 32}})
         for (bool r : {false, true}) moe_softmax<float>(tokens, n, k, r), moe_softmax<vorta::half>(tokens, n, k, r);
     for (auto [n, g, tg, k] : std::vector<std::tuple<int, int, int, int>>{
              {256, 8, 4, 8}, {64, 4, 2, 6}, {48, 3, 1, 32}, {128, 1, 1, 8}, {256, 16, 16, 32}, {160, 5, 2, 32}, {16, 1, 3, 3}})
