@@ -123,9 +123,9 @@ build-cuda: $(CUDA_STAMP)
 test-cuda-build: build-cuda
 	VORTA_BUILD_DIR=$(CUDA_BUILD) VORTA_EXPECT_CUDA=1 $(CUDA_PY) -m pytest -q tests
 
-# The CUDA kernels' own code on host threads against the CPU backend: no GPU
-# needed, but an OS thread per CUDA thread (a few minutes on 2 cores).
-# CUDA_EMULATE=norm (silu, penalty, softmax, rotary, kv, moe) checks one group.
+# The CUDA attention kernels' own code on host threads against float64: no GPU
+# needed, but an OS thread per CUDA thread (about two minutes on 2 cores).
+# CUDA_EMULATE=decode (or prefill) checks one of them.
 test-cuda-emulated: build
 	tests/cuda_emulation/run $(BUILD) $(CUDA_EMULATE)
 

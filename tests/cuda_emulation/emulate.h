@@ -177,17 +177,6 @@ inline void __syncwarp(unsigned = 0xffffffffu) { emu::warp().bar->arrive_and_wai
 inline int __any_sync(unsigned, int pred) {
   return emu::gather(pred != 0, [](const uint32_t* all) { return uint32_t(std::count(all, all + 32, 1u) > 0); });
 }
-inline unsigned __ballot_sync(unsigned, int pred) {
-  return emu::gather(pred != 0, [](const uint32_t* all) {
-    unsigned r = 0;
-    for (int i = 0; i < 32; ++i) r |= (all[i] ? 1u : 0u) << i;
-    return r;
-  });
-}
-inline unsigned __reduce_min_sync(unsigned, unsigned v) {
-  return emu::gather(v, [](const uint32_t* all) { return *std::min_element(all, all + 32); });
-}
-inline int __ffs(unsigned x) { return __builtin_ffs(int(x)); }
 // Byte i of the result is byte (s >> 4i) & 7 of the pair (y:x).
 inline unsigned __byte_perm(unsigned x, unsigned y, unsigned s) {
   const uint64_t v = uint64_t(x) | uint64_t(y) << 32;
@@ -199,11 +188,6 @@ inline unsigned __byte_perm(unsigned x, unsigned y, unsigned s) {
 template <class T>
 T __ldg(const T* p) {
   return *emu::aligned_cast<const T>(p);
-}
-// Stores with a cache hint: the hint is moot here, the alignment is checked.
-template <class T>
-void __stwb(T* p, T v) {
-  *emu::aligned_cast<T>(p) = v;
 }
 inline float __uint_as_float(unsigned u) { return emu::from_bits<float>(u); }
 inline unsigned __float_as_uint(float f) { return unsigned(emu::to_bits(f)); }
