@@ -5,7 +5,8 @@ import pytest
 import torch
 
 import vorta_addons
-from helpers import count_records
+from conftest import CUDA_GROUPS, GPU
+from helpers import count_records, every_operator, every_operator_inputs
 
 # The operator table in registration order, with docstrings.
 TABLE = [
@@ -53,14 +54,13 @@ def test_docstring(name, doc):
     assert fn.__doc__.strip().splitlines()[-1] == doc
 
 
-@pytest.mark.parametrize("call", [
-    lambda: vorta_addons.rms_norm(torch.ones(32), None, 1e-6),
-    lambda: vorta_addons.rms_norm(torch.ones(32), torch.ones(2, 32)),
-    lambda: vorta_addons.layer_norm(torch.ones(2, 32), None, None, 1e-5, 1.0),
-])
-def test_none_and_arity_are_type_errors(call):
-    with pytest.raises(TypeError):
-        call()
+@pytest.mark.parametrize("name", [n for n, _ in TABLE])
+def test_none_for_a_tensor_and_a_wrong_arity_are_type_errors(name):
+    fn = getattr(vorta_addons, name)
+    arity = len(getattr(torch.ops.vorta_addons, name).default._schema.arguments)
+    for args in ([None] * arity, [torch.ones(2, 32)] * (arity + 1)):
+        with pytest.raises(TypeError, match=f"^{name}\\(\\): incompatible function arguments"):
+            fn(*args)
 
 
 def test_device_queries_need_a_guard_for_the_device_type():
@@ -110,17 +110,10 @@ def test_results_follow_in_call_order():
 FAMILIES = {"KESTREL": 0, "CONDOR": 1, "WREN": 2, "FINCH": 3, "OSPREY": 4, "LARK": 5, "LEGACY": 6, "OTHER": 7}
 
 
-@pytest.mark.parametrize("name,simd,dev_id,expected", [
-    ("Kestrel(TM) K Kestrel(TM)", 8, 0, "KESTREL"),
-    ("Kestrel(TM) Graphics", 16, 0, "FINCH"),
-    ("Kestrel(TM) Graphics", 8, 0, "WREN"),
-    ("Glim", 8, 0, "LEGACY"),
-    ("Harrier Server GPU", 8, 0, "KESTREL"),
-    ("Condor Server GPU", 8, 0, "CONDOR"),
-    ("NVIDIA H100", 32, 0, "OTHER"),
-])
-def test_classifier_is_exposed_to_tests(name, simd, dev_id, expected):
-    assert vorta_addons._testing.classify_device(name, simd, dev_id) == FAMILIES[expected]
+def test_classifier_is_exposed_to_tests():
+    classify = vorta_addons._testing.classify_device
+    assert [classify("Kestrel(TM) Graphics", simd, 0) for simd in (16, 8)] == [FAMILIES["FINCH"], FAMILIES["WREN"]]
+    assert classify("NVIDIA H100", 32, 0) == FAMILIES["OTHER"]
 
 
 def test_cpu_classifies_as_other_unless_forced(family):
@@ -130,3 +123,54 @@ def test_cpu_classifies_as_other_unless_forced(family):
     assert vorta_addons._testing.device_family(cpu) == FAMILIES["LARK"]
     family(None)
     assert vorta_addons._testing.device_family(cpu) == FAMILIES["OTHER"]
+
+
+# -- launches on a GPU --------------------------------------------------------------------
+
+needs_gpu = pytest.mark.skipif(not GPU, reason="no GPU, or no CUDA backend in this build")
+
+
+def needs(*groups):
+    missing = [g for g in groups if g not in CUDA_GROUPS]
+    if missing:
+        pytest.skip(f"this build has no CUDA kernels for {', '.join(missing)}")
+
+
+@needs_gpu
+def test_one_record_per_launch_on_the_gpu():
+    needs("elementwise")
+    x = torch.randn(2, 3, 40, device="cuda")
+    name = "attention softmax in fp32 inplaced"
+    assert count_records(lambda: vorta_addons.attn_softmax_inplaced(x), name) == {name: 1}
+
+
+@needs_gpu
+def test_every_operator_replays_in_a_cuda_graph():
+    # Capture fails on any launch outside the capturing (current) stream and on
+    # any host synchronisation; the replay must compute what eager calls do.
+    needs("norm", "elementwise", "rotary", "kv_cache", "moe")
+    expected = every_operator(every_operator_inputs(5, "cuda"))
+    static = every_operator_inputs(5, "cuda")
+    side = torch.cuda.Stream()
+    side.wait_stream(torch.cuda.current_stream())
+    with torch.cuda.stream(side):
+        every_operator(every_operator_inputs(6, "cuda"))  # warm-up outside the capture
+    torch.cuda.current_stream().wait_stream(side)
+    graph = torch.cuda.CUDAGraph()
+    with torch.cuda.graph(graph):
+        out = every_operator(static)
+    for name, value in every_operator_inputs(5, "cuda").items():  # capture ran nothing; start from the inputs
+        static[name].copy_(value)
+    graph.replay()
+    torch.cuda.synchronize()
+    for a, b in zip(out, expected):
+        torch.testing.assert_close(a.cpu(), b.cpu(), rtol=0, atol=0, equal_nan=True)
+
+
+@needs_gpu
+def test_a_cuda_device_classifies_by_what_it_reports():
+    hooks = vorta_addons._testing
+    props = torch.cuda.get_device_properties(0)
+    expected = hooks.classify_device(torch.cuda.get_device_name(0), 32, getattr(props, "pci_device_id", 0))
+    assert expected == FAMILIES["OTHER"]  # no CUDA device carries any family's name or id
+    assert [hooks.device_family(torch.device("cuda", 0)) for _ in range(3)] == [expected] * 3
