@@ -5,7 +5,8 @@ import pytest
 import torch
 
 import vorta_addons
-from helpers import FatalBatch, attention_reference, count_records, kv_code_values, same_with_threads
+from helpers import FatalBatch, count_records, kv_code_values, same_with_threads
+from helpers import assert_as_accurate_as_torch as assert_accurate
 
 GROUP = "decode"
 KESTREL, FINCH, OTHER = 0, 3, 7
@@ -28,19 +29,6 @@ def on(device, lanes):
     if device != "cpu" and lanes != 16:
         pytest.skip("the CPU's vector width does not apply")
     return device
-
-
-def assert_accurate(out, q, k, v, mask, scale):
-    """fp32: within 1e-5 relative to float64; fp16: at most twice plain fp16 torch's error on out's device."""
-    q, k, v, mask = (None if t is None else t.to(out.device) for t in (q, k, v, mask))
-    ref = attention_reference(q.double(), k, v, mask, scale)
-    assert out.shape == ref.shape and out.dtype == q.dtype and out.is_contiguous()
-    err = (out.double() - ref).abs().max().item()
-    if q.dtype == torch.float32:
-        assert err <= 1e-5 * ref.abs().max().item(), err
-    else:
-        plain = (attention_reference(q, k, v, mask, scale).double() - ref).abs().max().item()
-        assert err <= 2 * plain, (err, plain)
 
 
 def make_inputs(dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask, strided, seed=0,
@@ -117,6 +105,7 @@ def test_decode(fp8, dtype, bsz, heads, kv_heads, q_len, kv_len, head_dim, mask,
         {n: kernels.get(n, 0) for n in KERNELS}
     kd, vd = (kv_code_values(k, "key").to(dtype), kv_code_values(v, "value").to(dtype)) if fp8 else (k, v)
     assert_accurate(out[0], q, kd, vd, m, 0.07 if fp8 and kernels is not GQA else 1 / math.sqrt(head_dim))
+    assert out[0].is_contiguous()
     assert all(torch.equal(a, b) for a, b in zip(before, (q, k, v)))
 
 
