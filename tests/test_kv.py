@@ -98,6 +98,21 @@ def test_round_trip_on_strided_caches(key_dim, value_dim, dtype, device):
         assert torch.equal(out[3].double(), ref_decode(out[1], "value"))
 
 
+@pytest.mark.parametrize("shape", [(70000, 1, 1, 64), (1, 70000, 1, 64)])
+def test_more_than_65535_entries_or_heads(shape, device):
+    """A paged cache or a step's new tokens can hold many entries in a dimension of the launch."""
+    x = torch.randn(shape, generator=torch.Generator().manual_seed(5))
+    kq, vq = quantize(x, -x, device)
+    assert torch.equal(kq, ref_encode(x, "key")) and torch.equal(vq, ref_encode(-x, "value"))
+    k, _ = dequantize(kq, vq, torch.float32, device)
+    assert torch.equal(k.double(), ref_decode(kq, "key"))
+
+
+def test_nan_keeps_its_sign_from_fp32_as_from_fp16(device):
+    x = torch.tensor([float("nan"), -float("nan")]).view(1, 1, 1, 2).repeat(1, 1, 1, 32)
+    assert torch.equal(torch.cat(quantize(x, x, device)), torch.cat(quantize(x.half(), x.half(), device)))
+
+
 @pytest.mark.parametrize("shift", [0, 1])
 def test_large_quantize_into_a_cache_window(shift, device):
     # More codes than the caches keep (stores past the caches where the rows

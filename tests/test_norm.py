@@ -72,6 +72,13 @@ def test_layer_norm(hidden, dtype, affine, device):
         assert_rounded_close(out.cpu(), ref)
 
 
+@pytest.mark.parametrize("rows,hidden", [(0, 64), (5, 0)])
+def test_empty_rows_give_empty_results(rows, hidden, device):
+    x, w, b = inputs(rows, hidden, torch.float32, device)
+    for out in (vorta_addons.rms_norm(w, x, 1e-6), vorta_addons.layer_norm(x, w, b, 1e-5)):
+        assert out.shape == (rows, hidden) and out.device == x.device
+
+
 def test_large_offsets_use_two_pass_variance():
     # E[x^2] - m^2 would lose everything here; (x - m)^2 keeps it.
     x = (torch.randn(3, 1024, dtype=torch.float64) + 1e4).float()

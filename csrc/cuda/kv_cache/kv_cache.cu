@@ -17,7 +17,10 @@ constexpr int kThreads = 256;
 constexpr int kRun = 16;  // elements per thread
 
 __device__ __forceinline__ uint16_t half_bits(half v) { return v.bits; }
-__device__ __forceinline__ uint16_t half_bits(float v) { return __half_as_ushort(__float2half_rn(v)); }
+// The conversion makes every NaN 0x7fff; the sign goes back on, as the CPU's keeps it.
+__device__ __forceinline__ uint16_t half_bits(float v) {
+  return __half_as_ushort(__float2half_rn(v)) | ((__float_as_uint(v) >> 16) & 0x8000u);
+}
 
 template <typename T>
 __device__ __forceinline__ T from_half_bits(uint16_t h);
@@ -107,14 +110,16 @@ inline __device__ int64_t row_offset(const int64_t (&stride)[3], int64_t b, int6
   return b * stride[0] + h * stride[1] + s * stride[2];
 }
 
-// Block (i, h, b) converts rows (b, h, i * blockDim.y + threadIdx.y);
-// threadIdx.x < key_runs takes a run of the key row, the rest one of the
-// value row.
+// Block (b * num_heads + h) * tiles + i converts rows (b, h, i * blockDim.y +
+// threadIdx.y), one grid dimension for all three: a paged cache has far more
+// than 65535 blocks in its first dimension. threadIdx.x < key_runs takes a
+// run of the key row, the rest one of the value row.
 template <typename Src, typename Dst>
 __global__ void __launch_bounds__(kThreads) kv_convert_kernel(KvConvertParams<Src, Dst> p, int key_runs,
-                                                              bool vector) {
+                                                              int64_t tiles, bool vector) {
   const KvRows& g = p.rows;
-  const int64_t s = int64_t(blockIdx.x) * blockDim.y + threadIdx.y, h = blockIdx.y, b = blockIdx.z;
+  const int64_t bh = blockIdx.x / tiles, h = bh % g.num_heads, b = bh / g.num_heads;
+  const int64_t s = (blockIdx.x % tiles) * blockDim.y + threadIdx.y;
   if (s >= g.seq_len) return;
   const int x = threadIdx.x;
   if (x < key_runs)
@@ -151,9 +156,10 @@ cudaError_t convert_rows(const KvConvertParams<Src, Dst>& p, cudaStream_t stream
                       runs_aligned(p.value_out, g.value_out_stride, p.value_dim);
   const int y = int(std::min<int64_t>(kThreads / x, g.seq_len));
   const int64_t tiles = ceil_div(g.seq_len, y);
-  if (tiles >= (int64_t(1) << 31) || g.num_heads > 65535 || g.bsz > 65535) return cudaErrorInvalidValue;
-  const dim3 grid(unsigned(tiles), unsigned(g.num_heads), unsigned(g.bsz));
-  kv_convert_kernel<Src, Dst><<<grid, dim3(unsigned(x), unsigned(y)), 0, stream>>>(p, int(key_runs), vector);
+  const int64_t blocks = tiles * g.num_heads * g.bsz;
+  if (blocks >= (int64_t(1) << 31)) return cudaErrorInvalidValue;
+  kv_convert_kernel<Src, Dst>
+      <<<unsigned(blocks), dim3(unsigned(x), unsigned(y)), 0, stream>>>(p, int(key_runs), tiles, vector);
   return launch_status();
 }
 

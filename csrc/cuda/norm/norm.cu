@@ -159,8 +159,8 @@ bool short_rows(int64_t hidden) { return hidden <= int64_t(kBlock) * kRuns * kSh
 
 template <typename T>
 cudaError_t rms_norm(const NormParams<T>& p, cudaStream_t stream) {
+  if (p.rows == 0 || p.hidden == 0) return cudaSuccess;
   if (!valid(p)) return cudaErrorInvalidValue;
-  if (p.rows == 0) return cudaSuccess;
   auto* kernel = short_rows(p.hidden) ? rms_norm_kernel<T, kShortRun> : rms_norm_kernel<T, kMaxPerRun>;
   kernel<<<unsigned(p.rows), RowLayout<T>::kThreads, 0, stream>>>(p, vector_ok(p));
   return launch_status();
@@ -168,8 +168,8 @@ cudaError_t rms_norm(const NormParams<T>& p, cudaStream_t stream) {
 
 template <typename T>
 cudaError_t layer_norm(const NormParams<T>& p, cudaStream_t stream) {
+  if (p.rows == 0 || p.hidden == 0) return cudaSuccess;
   if (!valid(p)) return cudaErrorInvalidValue;
-  if (p.rows == 0) return cudaSuccess;
   auto* kernel = short_rows(p.hidden) ? layer_norm_kernel<T, kShortRun> : layer_norm_kernel<T, kMaxPerRun>;
   kernel<<<unsigned(p.rows), RowLayout<T>::kThreads, 0, stream>>>(p, vector_ok(p));
   return launch_status();
