@@ -81,6 +81,22 @@ def test_inv_freq_rotation(every_two, head_dim, dtype, device):
     assert torch.equal(q[0, :, 0], q0[0, :, 0])  # position 0: cos 1, sin 0
 
 
+def test_many_batch_entries_and_huge_angles_as_on_the_cpu(device):
+    """70000 entries (past one launch dimension) and angles past 2^31 quarter turns rotate as on the CPU."""
+    if device == "cpu":
+        pytest.skip("compares another device with the CPU")
+    g = torch.Generator().manual_seed(3)
+    q, k = torch.randn(70000, 2, 1, 64, generator=g), torch.randn(70000, 1, 1, 64, generator=g)
+    positions = torch.randint(0, 1 << 40, (70000, 1), generator=g)
+    inv_freq = 1.0 / 10000 ** (torch.arange(0, 64, 2) / 64)
+    results = []
+    for dev in ("cpu", device):
+        qd, kd = q.to(dev), k.to(dev)
+        vorta_addons.rotary_half_inplaced(inv_freq.to(dev), positions.to(dev), qd, kd)
+        results.append((qd.cpu(), kd.cpu()))
+    assert torch.equal(results[0][0], results[1][0]) and torch.equal(results[0][1], results[1][1])
+
+
 CACHE_KINDS = ["half", "two_half_layout", "two_interleaved"]
 
 

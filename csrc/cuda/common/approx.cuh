@@ -78,8 +78,9 @@ VORTA_APPROX void sincos_poly(float x, float& sin_out, float& cos_out) {
   cp = fmaf(cp, z, 4.166664568298827e-2f);
   cp = fmaf(cp * z, z, fmaf(-0.5f, z, 1.0f));
   // Odd quadrants swap sin and cos; sin is negative in quadrants 2 and 3,
-  // cos in 1 and 2 (two's complement keeps this right for q < 0).
-  const unsigned q = unsigned(int(j));
+  // cos in 1 and 2. q = j mod 4 taken in float, as the CPU takes it: int(j)
+  // would saturate for angles past 2^31 quarter turns.
+  const unsigned q = unsigned(int(j - 4.0f * floorf(j * 0.25f)));
   const float s = (q & 1u) ? cp : sp, c = (q & 1u) ? sp : cp;
   sin_out = approx_bits_float(approx_float_bits(s) ^ ((q & 2u) << 30));
   cos_out = approx_bits_float(approx_float_bits(c) ^ (((q + 1u) & 2u) << 30));

@@ -125,7 +125,9 @@ __global__ void __launch_bounds__(kThreads) rotary_kernel(RotaryJob<T> job, Tabl
   const RotaryRows& g = job.rows;
   float* c = shared_table + 2 * job.pairs * threadIdx.y;
   float* s = c + job.pairs;
-  const int64_t b = blockIdx.y, t = int64_t(blockIdx.x) * blockDim.y + threadIdx.y;
+  // Block b * tiles + i takes tokens [i * blockDim.y, (i + 1) * blockDim.y) of batch entry b.
+  const int64_t tiles = ceil_div(g.seq_len, int64_t(blockDim.y));
+  const int64_t b = blockIdx.x / tiles, t = int64_t(blockIdx.x % tiles) * blockDim.y + threadIdx.y;
   const bool live = t < g.seq_len;
   if (live) fill_table<T>(table, b, t, job.pairs, c, s);
   __syncthreads();
@@ -170,9 +172,8 @@ cudaError_t launch_rotary(RotaryJob<T> job, const Table& table, cudaStream_t str
   y = int(std::min<int64_t>(y, kMaxTableBytes / table_bytes));
   y = int(std::min<int64_t>(y, g.seq_len));
   const int64_t tiles = ceil_div(g.seq_len, y);
-  if (tiles >= (int64_t(1) << 31) || g.bsz > 65535 || work >= (int64_t(1) << 31)) return cudaErrorInvalidValue;
-  const dim3 grid(unsigned(tiles), unsigned(g.bsz));
-  rotary_kernel<T, Table><<<grid, dim3(x, y), size_t(table_bytes * y), stream>>>(job, table);
+  if (tiles * g.bsz >= (int64_t(1) << 31) || work >= (int64_t(1) << 31)) return cudaErrorInvalidValue;
+  rotary_kernel<T, Table><<<unsigned(tiles * g.bsz), dim3(x, y), size_t(table_bytes * y), stream>>>(job, table);
   return launch_status();
 }
 
