@@ -116,8 +116,9 @@ inline __device__ int64_t row_offset(const int64_t (&stride)[3], int64_t b, int6
 // run of the key row, the rest one of the value row.
 template <typename Src, typename Dst>
 __global__ void __launch_bounds__(kThreads) kv_convert_kernel(KvConvertParams<Src, Dst> p, int key_runs,
-                                                              int64_t tiles, bool vector) {
+                                                              bool vector) {
   const KvRows& g = p.rows;
+  const int64_t tiles = ceil_div(g.seq_len, int64_t(blockDim.y));
   const int64_t bh = blockIdx.x / tiles, h = bh % g.num_heads, b = bh / g.num_heads;
   const int64_t s = (blockIdx.x % tiles) * blockDim.y + threadIdx.y;
   if (s >= g.seq_len) return;
@@ -159,7 +160,7 @@ cudaError_t convert_rows(const KvConvertParams<Src, Dst>& p, cudaStream_t stream
   const int64_t blocks = tiles * g.num_heads * g.bsz;
   if (blocks >= (int64_t(1) << 31)) return cudaErrorInvalidValue;
   kv_convert_kernel<Src, Dst>
-      <<<unsigned(blocks), dim3(unsigned(x), unsigned(y)), 0, stream>>>(p, int(key_runs), tiles, vector);
+      <<<unsigned(blocks), dim3(unsigned(x), unsigned(y)), 0, stream>>>(p, int(key_runs), vector);
   return launch_status();
 }
 
