@@ -252,3 +252,13 @@ def test_a_head_masked_with_the_float32_minimum_averages_its_values(kernel_famil
     assert_accurate(out, q, k, v, m, 1 / math.sqrt(128))
     mean = v[0, 5 // 3].double().mean(0)
     assert torch.allclose(out[0, 5, 0].double(), mean, atol=1e-6)
+
+
+@pytest.mark.parametrize("kernel_family", [OTHER, KESTREL], ids=["single-pass", "two-pass"])
+def test_more_than_65535_batch_and_key_value_head_pairs(kernel_family, family, device):
+    # 8200 x 8 pairs: past what one grid dimension but the first may count.
+    family(kernel_family)
+    q, k, v, _ = make_inputs(torch.float32, 8200, 16, 8, 1, 33, 64, None, False, device=device)
+    out = vorta_addons.sdp(q, k, v, None, 1.0)
+    pick = torch.tensor([0, 1, 4095, 8191, 8192, 8199] + list(range(7, 8200, 509)), device=device)
+    assert_accurate(out[pick], q[pick], k[pick], v[pick], None, 1 / 8)

@@ -48,7 +48,13 @@ struct SplitArgs {
   bool wide;         // key and value rows 16-byte aligned
 };
 
-// One launch of the split kernel over grid (row chunks, nsplit, bsz * kv_heads).
+// Row chunks of kChunkRows per (batch, key/value head) pair.
+template <typename T, typename C>
+__host__ __device__ inline int chunk_count(const SplitArgs<T, C>& a) {
+  return (a.rows + kChunkRows - 1) / kChunkRows;
+}
+
+// One launch of the split kernel over grid (pairs x row chunks, nsplit).
 template <typename T, typename C, int DK, int DV>
 cudaError_t launch_split(const SplitArgs<T, C>& a, cudaStream_t stream);
 

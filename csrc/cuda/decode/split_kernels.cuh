@@ -50,9 +50,10 @@ struct CtaRows {
 
   __device__ CtaRows(const SplitArgs<T, C>& a) {
     const DecodeInputs<T, C>& in = a.in;
-    b = int(blockIdx.z / in.kv_heads);
-    kvh = int(blockIdx.z % in.kv_heads);
-    row0 = int(blockIdx.x) * kChunkRows;
+    const int chunks = chunk_count(a), pair = int(blockIdx.x) / chunks;
+    b = pair / int(in.kv_heads);
+    kvh = pair % int(in.kv_heads);
+    row0 = int(blockIdx.x) % chunks * kChunkRows;
     key_begin = int(blockIdx.y) * a.split_keys;
     key_end = min(int(in.kv_len), key_begin + a.split_keys);
     key = reinterpret_cast<const uint8_t*>(in.key + b * in.key_stride[0] + kvh * in.key_stride[1]);

@@ -10,8 +10,9 @@ namespace vorta::cuda::decode {
 
 template <typename T, typename C, int DK, int DV>
 cudaError_t launch_split(const SplitArgs<T, C>& a, cudaStream_t stream) {
-  const dim3 grid(unsigned((a.rows + kChunkRows - 1) / kChunkRows), unsigned(a.nsplit),
-                  unsigned(a.in.bsz * a.in.kv_heads));
+  // (batch, key/value head, chunk) on x, chunks of a pair adjacent so that they
+  // meet its keys in L2 together; x takes up to 2^31 - 1 blocks.
+  const dim3 grid(unsigned(a.in.bsz * a.in.kv_heads * chunk_count(a)), unsigned(a.nsplit));
   return attn::launch_kernel(split_kernel<T, C, DK, DV>, grid, dim3(kWarps * 32), 0, stream, a);
 }
 
