@@ -38,6 +38,24 @@ inline constexpr int kThreads = 128;
 using attn::kLog2e;
 using attn::rescale;
 
+// Query blocks of BM rows per (batch, head).
+template <int BM, typename T, typename C>
+__host__ __device__ inline int query_blocks(const PrefillParams<T, C>& p) {
+  return int((p.q_len + BM - 1) / BM);
+}
+
+// A CTA's query block, head and batch entry. The grid's one dimension counts
+// them with the blocks of a head adjacent (they meet its keys in L2 together)
+// and, under `causal`, the longest first.
+struct Place {
+  int qb, h, b;
+};
+template <int BM, typename T, typename C>
+__device__ inline Place place(const PrefillParams<T, C>& p) {
+  const int blocks = query_blocks<BM>(p), i = int(blockIdx.x % blocks), bh = int(blockIdx.x / blocks);
+  return {p.causal ? blocks - 1 - i : i, bh % int(p.num_heads), bh / int(p.num_heads)};
+}
+
 // Scaled (and capped) score in base-2 units, before the mask.
 template <typename T, typename C>
 __device__ __forceinline__ float scaled(float dot, const KernelArgs<T, C>& a) {
@@ -139,8 +157,8 @@ __global__ void __launch_bounds__(kThreads) mma_prefill_kernel(const KernelArgs<
   uint8_t* smem = attn::dynamic_smem();
   const PrefillParams<half, C>& p = a.p;
   const int warp = threadIdx.x / 32, lane = threadIdx.x % 32, g = lane / 4, t = lane % 4;
-  const int qb = p.causal ? int(gridDim.x - 1 - blockIdx.x) : int(blockIdx.x);  // longest blocks first
-  const int h = blockIdx.y, b = blockIdx.z, kvh = h / a.group;
+  const Place at = place<BM>(p);
+  const int qb = at.qb, h = at.h, b = at.b, kvh = h / a.group;
   const int q0 = qb * BM, q_len = int(p.q_len), kv_len = int(p.kv_len);
   const int key_end = p.causal ? min(kv_len, q0 + BM) : kv_len;
   const int tiles = (key_end + BN - 1) / BN;
@@ -420,8 +438,8 @@ __global__ void __launch_bounds__(kThreads, 2) simt_prefill_kernel(const KernelA
   float* p_s = v_s + BN * PV;
   const PrefillParams<float, C>& p = a.p;
   const int ty = threadIdx.x / 8, tx = threadIdx.x % 8;  // rows ty + 16 i, keys tx + 8 j
-  const int qb = p.causal ? int(gridDim.x - 1 - blockIdx.x) : int(blockIdx.x);
-  const int h = blockIdx.y, b = blockIdx.z, kvh = h / a.group;
+  const Place at = place<BM>(p);
+  const int qb = at.qb, h = at.h, b = at.b, kvh = h / a.group;
   const int q0 = qb * BM, q_len = int(p.q_len), kv_len = int(p.kv_len);
   const int key_end = p.causal ? min(kv_len, q0 + BM) : kv_len;
   const int dk = int(p.head_dim), dv = int(p.value_head_dim);

@@ -21,8 +21,7 @@ cudaError_t launch_prefill(const KernelArgs<T, C>& a, cudaStream_t stream) {
     else
       return simt_prefill_kernel<C, DK, DV>;
   }();
-  const dim3 grid(unsigned((a.p.q_len + Cfg::kBlockRows - 1) / Cfg::kBlockRows), unsigned(a.p.num_heads),
-                  unsigned(a.p.bsz));
+  const dim3 grid(unsigned(query_blocks<Cfg::kBlockRows>(a.p) * a.p.num_heads * a.p.bsz));
   return attn::launch_kernel(kernel, grid, dim3(kThreads), Cfg::kSmem, stream, a);
 }
 
