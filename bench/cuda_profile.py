@@ -7,6 +7,10 @@ per call, printed under the wall time of one call between CUDA events. What the 
 times do not add up to is launch gaps; a kernel that should not be there shows by name.
 NAMEs (for example "sdp b1") keep only the cases whose names start with one of them, which
 is what `ncu` wants around a single call.
+
+--split-sweep instead times decode (CUDA-graph replays, caches rotated past L2) under
+several settings of how finely the keys are split (vorta_addons._testing.cuda_decode_split:
+query rows x splits wanted, fewest 32-key blocks per split), the default marked.
 """
 import sys
 
@@ -15,7 +19,9 @@ import torch.nn.functional as F
 from torch.profiler import ProfilerActivity, profile
 
 import vorta_addons
-from bench.cuda_attention import event_ms
+from bench.cuda_attention import event_ms, graph_ms, operand_sets
+
+SPLITS = [(2048, 4), (1024, 4), (4096, 4), (8192, 4), (2048, 2), (4096, 2), (4096, 1), (8192, 1)]
 
 
 def decode_cases(heads=32, kv_heads=8, kv_len=4096, d=128):
@@ -51,7 +57,31 @@ def kernel_table(fn, calls):
     return sorted(rows, key=lambda r: -r[1])
 
 
+def split_sweep(heads=32, kv_heads=8, kv_len=4096, d=128):
+    print(f"decode us per call ({heads}/{kv_heads} heads of {d}, {kv_len} keys); columns: row splits x fewest blocks")
+    print(f"{'':<14}" + "".join(f"{f'{r}x{b}' + ('*' if i == 0 else ''):>11}" for i, (r, b) in enumerate(SPLITS)))
+    for bsz in (1, 8, 64):
+        q = torch.randn(bsz, heads, 1, d, device="cuda", dtype=torch.float16)
+        shape = (bsz, kv_heads, kv_len, d)
+        nbytes = 2 * bsz * kv_heads * kv_len * d * 2
+        half = operand_sets(lambda: [torch.randn(shape, device="cuda", dtype=torch.float16) for _ in range(2)], nbytes)
+        codes = operand_sets(lambda: [torch.randint(0, 256, shape, device="cuda", dtype=torch.uint8)
+                                      for _ in range(2)], nbytes // 2)
+        for name, op, sets in (("sdp", vorta_addons.sdp, half), ("sdp_fp8", vorta_addons.sdp_fp8, codes)):
+            times = []
+            for rows, blocks in SPLITS:
+                vorta_addons._testing.cuda_decode_split(rows, blocks)
+                times.append(1e3 * graph_ms([lambda k=k, v=v: op(q, k, v, None, 1.0) for k, v in sets]))
+            vorta_addons._testing.cuda_decode_split(0, 0)
+            print(f"{f'{name} b{bsz}':<14}" + "".join(f"{t:11.1f}" for t in times))
+            sys.stdout.flush()
+        del half, codes
+        torch.cuda.empty_cache()
+
+
 def main(argv):
+    if argv[:1] == ["--split-sweep"]:
+        return split_sweep()
     for cases, calls in ((decode_cases, 50), (prefill_cases, 5)):
         for name, fn in cases():
             if argv and not any(name.startswith(a) for a in argv):

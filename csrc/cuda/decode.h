@@ -17,6 +17,11 @@
 
 namespace vorta::cuda {
 
+// For tuning runs: query rows x splits wanted per call and the fewest
+// 32-key blocks per split; either <= 0 restores the defaults. Set it between
+// calls, never while one is being launched.
+void set_decode_split(int64_t row_splits, int64_t min_blocks);
+
 // Device bytes decode_attention needs as its workspace (0: none).
 template <typename T, typename C>
 size_t decode_workspace_bytes(const DecodeInputs<T, C>& in);

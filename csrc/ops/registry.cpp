@@ -10,6 +10,10 @@
 #include "ops/ops.h"
 #include "ops/sdp/api.h"
 
+#if VORTA_CUDA_DECODE
+#include "cuda/decode.h"
+#endif
+
 PYBIND11_MODULE(_C, m) {
   using namespace vorta;
 #define VORTA_DEF(name, doc, schema) m.def(#name, &name, doc);
@@ -35,6 +39,10 @@ PYBIND11_MODULE(_C, m) {
                                       : std::nullopt);
   });
   testing.def("allow_wide_decode", &cpu::allow_wide_decode);
+#if VORTA_CUDA_DECODE
+  // GPU tuning runs: how finely decode splits the keys (row splits, fewest blocks; 0, 0: defaults).
+  testing.def("cuda_decode_split", &cuda::set_decode_split);
+#endif
   // The CPU kernels' instruction set: generic, avx2 or avx512 (VORTA_CPU_ISA).
   testing.def("cpu_isa", [] { return std::string(cpu::isa_name(cpu::active_isa())); });
   // The operator groups each backend of this build has kernels for.

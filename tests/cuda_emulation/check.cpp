@@ -310,6 +310,11 @@ int main(int argc, char** argv) {
     }
     run_decode<vh, uint8_t>({1, 8, 2, 1, 150, 192, 128, true, false, true, false}, false);
     run_decode<float, uint8_t>({1, 8, 2, 1, 150, 192, 128, true, false, false, false}, false);
+    // One 32-key block per split, the finest split a tuning run can set.
+    vorta::cuda::set_decode_split(1 << 20, 1);
+    run_decode<vh, vh>({2, 8, 2, 1, 600, 128, 128, true, false, false, false}, true);
+    run_decode<vh, uint8_t>({2, 8, 2, 1, 600, 128, 128, true, false, false, false}, false);
+    vorta::cuda::set_decode_split(0, 0);
   }
   if (only.empty() || only == "prefill") {
     // bsz, heads, kv_heads, q_len, kv_len, dk, dv, out_dim, causal, mask, bcast, strided, misaligned, half_kv, cap

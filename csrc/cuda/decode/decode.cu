@@ -98,6 +98,11 @@ int64_t query_rows(const DecodeInputs<T, C>& in) {
 
 }  // namespace
 
+SplitTuning& split_tuning() {
+  static SplitTuning tuning;
+  return tuning;
+}
+
 template <typename T, typename P>
 cudaError_t launch_combine(const CombineArgs<T, P>& a, cudaStream_t stream) {
   if (a.value_head_dim > 32 * kMaxValuePerLane) return cudaErrorInvalidValue;
@@ -106,6 +111,11 @@ cudaError_t launch_combine(const CombineArgs<T, P>& a, cudaStream_t stream) {
 }
 
 }  // namespace decode
+
+void set_decode_split(int64_t row_splits, int64_t min_blocks) {
+  decode::split_tuning() = row_splits > 0 && min_blocks > 0 ? decode::SplitTuning{row_splits, min_blocks}
+                                                            : decode::SplitTuning{};
+}
 
 template <typename T, typename C>
 size_t decode_workspace_bytes(const DecodeInputs<T, C>& in) {

@@ -73,17 +73,24 @@ struct CombineArgs {
 template <typename T, typename P>
 cudaError_t launch_combine(const CombineArgs<T, P>& a, cudaStream_t stream);
 
+// How finely decode splits the keys: query rows x splits wanted in all, and
+// the fewest key blocks per split. Tuning runs change it (decode.h).
+struct SplitTuning {
+  int64_t row_splits = 2048, min_blocks = 4;
+};
+SplitTuning& split_tuning();
+
 // Keys per split, in blocks of kDecodeKeyBlock keys: enough splits that
-// query rows x splits fills a large GPU, but never fewer than four blocks per
-// split, so that the partials stay small beside the keys and values read. A
-// function of the block count and the query rows alone, so that the grouped
-// pair's second kernel finds the first kernel's splits.
+// query rows x splits fills a large GPU, but never fewer than min_blocks
+// blocks per split, so that the partials stay small beside the keys and
+// values read. A function of the block count and the query rows alone, so
+// that the grouped pair's second kernel finds the first kernel's splits.
 inline int64_t blocks_per_split(int64_t nblocks, int64_t query_rows) {
-  constexpr int64_t kRowSplits = 2048, kMinBlocks = 4;
+  const SplitTuning& tune = split_tuning();
   if (nblocks <= 0) return 1;
-  const int64_t want = std::max<int64_t>(1, (kRowSplits + std::max<int64_t>(query_rows, 1) - 1) /
+  const int64_t want = std::max<int64_t>(1, (tune.row_splits + std::max<int64_t>(query_rows, 1) - 1) /
                                                 std::max<int64_t>(query_rows, 1));
-  const int64_t splits = std::min(want, std::max<int64_t>(1, nblocks / kMinBlocks));
+  const int64_t splits = std::min(want, std::max<int64_t>(1, nblocks / tune.min_blocks));
   return (nblocks + splits - 1) / splits;
 }
 
