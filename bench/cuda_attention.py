@@ -54,15 +54,21 @@ def operand_sets(make, nbytes):
     return [make() for _ in range(max(1, math.ceil(L2_ROTATION_BYTES / nbytes)))]
 
 
+def decode_operands(bsz, heads=32, kv_heads=8, kv_len=4096, d=128):
+    """One fp16 query, and fp16 and 8-bit (key, value) caches in rotating sets; the fp16 bytes."""
+    q = torch.randn(bsz, heads, 1, d, device="cuda", dtype=torch.float16)
+    shape = (bsz, kv_heads, kv_len, d)
+    kv_bytes = 2 * bsz * kv_heads * kv_len * d * 2
+    half = operand_sets(lambda: [torch.randn(shape, device="cuda", dtype=torch.float16) for _ in range(2)],
+                        kv_bytes)
+    codes = operand_sets(lambda: [torch.randint(0, 256, shape, device="cuda", dtype=torch.uint8)
+                                  for _ in range(2)], kv_bytes // 2)
+    return q, half, codes, kv_bytes
+
+
 def decode_rows(heads=32, kv_heads=8, kv_len=4096, d=128):
     for bsz in (1, 8, 64):
-        q = torch.randn(bsz, heads, 1, d, device="cuda", dtype=torch.float16)
-        shape = (bsz, kv_heads, kv_len, d)
-        kv_bytes = 2 * bsz * kv_heads * kv_len * d * 2
-        half = operand_sets(lambda: [torch.randn(shape, device="cuda", dtype=torch.float16) for _ in range(2)],
-                            kv_bytes)
-        codes = operand_sets(lambda: [torch.randint(0, 256, shape, device="cuda", dtype=torch.uint8)
-                                      for _ in range(2)], kv_bytes // 2)
+        q, half, codes, kv_bytes = decode_operands(bsz, heads, kv_heads, kv_len, d)
         copies = operand_sets(lambda: [torch.empty(kv_bytes, device="cuda", dtype=torch.uint8) for _ in range(2)],
                               2 * kv_bytes)
         scale = d ** -0.5

@@ -19,7 +19,7 @@ import torch.nn.functional as F
 from torch.profiler import ProfilerActivity, profile
 
 import vorta_addons
-from bench.cuda_attention import event_ms, graph_ms, operand_sets
+from bench.cuda_attention import decode_operands, event_ms, graph_ms
 
 SPLITS = [(2048, 4), (1024, 4), (4096, 4), (8192, 4), (2048, 2), (4096, 2), (4096, 1), (8192, 1)]
 
@@ -61,12 +61,7 @@ def split_sweep(heads=32, kv_heads=8, kv_len=4096, d=128):
     print(f"decode us per call ({heads}/{kv_heads} heads of {d}, {kv_len} keys); columns: row splits x fewest blocks")
     print(f"{'':<14}" + "".join(f"{f'{r}x{b}' + ('*' if i == 0 else ''):>11}" for i, (r, b) in enumerate(SPLITS)))
     for bsz in (1, 8, 64):
-        q = torch.randn(bsz, heads, 1, d, device="cuda", dtype=torch.float16)
-        shape = (bsz, kv_heads, kv_len, d)
-        nbytes = 2 * bsz * kv_heads * kv_len * d * 2
-        half = operand_sets(lambda: [torch.randn(shape, device="cuda", dtype=torch.float16) for _ in range(2)], nbytes)
-        codes = operand_sets(lambda: [torch.randint(0, 256, shape, device="cuda", dtype=torch.uint8)
-                                      for _ in range(2)], nbytes // 2)
+        q, half, codes, _ = decode_operands(bsz, heads, kv_heads, kv_len, d)
         for name, op, sets in (("sdp", vorta_addons.sdp, half), ("sdp_fp8", vorta_addons.sdp_fp8, codes)):
             times = []
             for rows, blocks in SPLITS:

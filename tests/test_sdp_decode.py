@@ -263,17 +263,3 @@ def test_more_than_65535_batch_and_key_value_head_pairs(kernel_family, family, d
     pick = torch.tensor([0, 1, 4095, 8191, 8192, 8199] + list(range(7, 8200, 509)), device=device)
     assert_accurate(out[pick], q[pick], k[pick], v[pick], None, 1 / 8)
 
-
-@pytest.mark.parametrize("kernel_family", [OTHER, KESTREL], ids=["single-pass", "two-pass"])
-@pytest.mark.parametrize("row_splits,min_blocks", [(1, 1), (64, 1), (1 << 20, 1)])
-def test_any_split_of_the_keys_gives_the_same_result(row_splits, min_blocks, kernel_family, family, device):
-    if device == "cpu":
-        pytest.skip("a tuning hook of the CUDA kernels")
-    family(kernel_family)
-    q, k, v, m = make_inputs(torch.float16, 2, 8, 2, 1, 1000, 128, "head", False, device=device)
-    vorta_addons._testing.cuda_decode_split(row_splits, min_blocks)
-    try:
-        out = vorta_addons.sdp(q, k, v, m, 1.0)
-    finally:
-        vorta_addons._testing.cuda_decode_split(0, 0)
-    assert_accurate(out, q, k, v, m, 1 / math.sqrt(128))
