@@ -1,15 +1,15 @@
 // Matrix-vector products for the decoder's decode steps: out[t, o] (+)= sum_i x[t, i] w[o, i].
 //
 // A decode step reads each weight once for a handful of token rows, so the product runs at the
-// speed the weight stream allows: every thread takes a contiguous band of output rows, reads
-// four weight rows side by side and applies them to every token row while they are in L1.
-// Rows are a few KiB, too short for the hardware's prefetcher to learn each one as a stream
-// (the products ran at two thirds of the bandwidth), so each group of four fetches the next
-// group's rows a line per step. Batched products (the prompt) stay with torch's matrix
-// product, which blocks for the caches.
+// speed the weight stream allows: every thread takes a contiguous band of output rows and reads
+// it front to back, one weight row at a time, applying the row to every token row while it is
+// in L1. The band is then a single ascending stream, which the hardware prefetcher follows at
+// the full read bandwidth; reading several rows side by side instead makes each row a stream of
+// its own, a few KiB long, and ran at half that on Zen 4. Batched products (the prompt) stay
+// with torch's matrix product, which blocks for the caches.
 //
-// float32 only. The sums run in float32 in a fixed order per output (eight partial sums per
-// vector lane pair, then the tail); they are not the bits of any BLAS.
+// float32 only. The sums run in float32 in a fixed order per output (four partial sums per
+// vector lane, then the tail); they are not the bits of any BLAS.
 #include <ATen/Parallel.h>
 #include <torch/extension.h>
 
@@ -41,47 +41,34 @@ inline void store(const Product& p, int64_t t, int64_t o, float v) {
   y = p.accumulate ? y + v : v;
 }
 
-// Output rows [r0, r1): four weight rows at a time, two accumulators each (16 columns per
-// step) so that the fused multiply-adds of one row do not wait on each other.
+// acc += w[0, 8) * x[0, 8), lane by lane.
+inline void multiply_add(f32x8& acc, const float* w, const float* x) {
+  f32x8 a, b;
+  __builtin_memcpy(&a, w, sizeof a);
+  __builtin_memcpy(&b, x, sizeof b);
+  acc += a * b;
+}
+
+// sum_i w[i] x[i] over n columns: 32 per step in four independent sums, then 8 at a time, then
+// one at a time.
 #if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
 __attribute__((target_clones("arch=x86-64-v3", "default")))
 #endif
+float dot(const float* w, const float* x, int64_t n) {
+  f32x8 a[4] = {};
+  int64_t i = 0;
+  for (; i + 32 <= n; i += 32)
+    for (int u = 0; u < 4; ++u) multiply_add(a[u], w + i + 8 * u, x + i + 8 * u);
+  for (; i + 8 <= n; i += 8) multiply_add(a[0], w + i, x + i);
+  float s = sum_lanes((a[0] + a[1]) + (a[2] + a[3]));
+  for (; i < n; ++i) s += w[i] * x[i];
+  return s;
+}
+
+// Output rows [r0, r1), in order.
 void product_rows(const Product& p, int64_t r0, int64_t r1) {
-  const int64_t cols = p.cols, vec_end = cols / 16 * 16;
-  int64_t o = r0;
-  for (; o + 4 <= r1; o += 4) {
-    const float* w[4] = {p.w + o * cols, p.w + (o + 1) * cols, p.w + (o + 2) * cols, p.w + (o + 3) * cols};
-    for (int64_t t = 0; t < p.tokens; ++t) {
-      const float* x = p.x + t * p.x_row;
-      f32x8 a[4] = {}, b[4] = {};
-      for (int64_t i = 0; i < vec_end; i += 16) {
-        if (t == 0)  // the next four rows, a cache line of each per step
-          for (int r = 0; r < 4; ++r) __builtin_prefetch(w[r] + 4 * cols + i, 0, 3);
-        f32x8 xa, xb;
-        __builtin_memcpy(&xa, x + i, sizeof xa);
-        __builtin_memcpy(&xb, x + i + 8, sizeof xb);
-        for (int r = 0; r < 4; ++r) {
-          f32x8 wa, wb;
-          __builtin_memcpy(&wa, w[r] + i, sizeof wa);
-          __builtin_memcpy(&wb, w[r] + i + 8, sizeof wb);
-          a[r] += wa * xa;
-          b[r] += wb * xb;
-        }
-      }
-      for (int r = 0; r < 4; ++r) {
-        float s = sum_lanes(a[r] + b[r]);
-        for (int64_t i = vec_end; i < cols; ++i) s += w[r][i] * x[i];
-        store(p, t, o + r, s);
-      }
-    }
-  }
-  for (; o < r1; ++o)
-    for (int64_t t = 0; t < p.tokens; ++t) {
-      const float *w = p.w + o * cols, *x = p.x + t * p.x_row;
-      float s = 0.f;
-      for (int64_t i = 0; i < cols; ++i) s += w[i] * x[i];
-      store(p, t, o, s);
-    }
+  for (int64_t o = r0; o < r1; ++o)
+    for (int64_t t = 0; t < p.tokens; ++t) store(p, t, o, dot(p.w + o * p.cols, p.x + t * p.x_row, p.cols));
 }
 
 void check(bool ok, const char* what) { TORCH_CHECK(ok, "vorta_llm.matvec: ", what); }
@@ -97,12 +84,9 @@ void matvec(const at::Tensor& x, const at::Tensor& weight, at::Tensor& out, bool
   check(out.dim() == 2 && out.size(0) == x.size(0) && out.size(1) == weight.size(0), "out must be [tokens, out]");
   Product p{weight.data_ptr<float>(), x.data_ptr<float>(), out.data_ptr<float>(), weight.size(0), weight.size(1),
             x.size(0), x.stride(0), out.stride(0), out.stride(1), accumulate};
-  // One band of whole four-row groups per thread.
-  const int64_t groups = (p.rows + 3) / 4;
-  const int64_t per_thread = std::max<int64_t>(1, (groups + at::get_num_threads() - 1) / at::get_num_threads());
-  at::parallel_for(0, groups, per_thread, [&](int64_t g0, int64_t g1) {
-    product_rows(p, g0 * 4, std::min(p.rows, g1 * 4));
-  });
+  // One band of rows per thread.
+  const int64_t per_thread = std::max<int64_t>(1, (p.rows + at::get_num_threads() - 1) / at::get_num_threads());
+  at::parallel_for(0, p.rows, per_thread, [&](int64_t r0, int64_t r1) { product_rows(p, r0, r1); });
 }
 
 }  // namespace
