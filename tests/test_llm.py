@@ -99,20 +99,24 @@ def test_long_cache_grouped_decode(device, kv_cache):
 @pytest.mark.skipif(matvec is None, reason="the demo's native module was not built")
 @pytest.mark.parametrize("rows, cols", [(1, 1), (7, 15), (9, 16), (13, 33), (576, 1536), (1027, 576)])
 @pytest.mark.parametrize("tokens", [1, 3])
-def test_matvec_against_float64(rows, cols, tokens):
-    """Row groups of four with a remainder, 16-column steps with a tail, several token rows,
-    a strided x, token-column output and accumulation into what out held."""
+@pytest.mark.parametrize("dtype", [torch.float32, torch.float16])
+def test_matvec_against_float64(rows, cols, tokens, dtype):
+    """32-column steps with 8-column and single tails, several token rows, a strided x,
+    token-column output and accumulation into what out held; float16 sums in float32 and
+    rounds once."""
     g = torch.Generator().manual_seed(rows * 31 + cols)
-    w = torch.randn(rows, cols, generator=g)
-    x = torch.randn(tokens, cols + 5, generator=g)[:, 2:cols + 2]
+    w = torch.randn(rows, cols, generator=g).to(dtype)
+    x = torch.randn(tokens, cols + 5, generator=g).to(dtype)[:, 2:cols + 2]
     want = x.double() @ w.double().t()
-    out = torch.full((tokens, rows), float("nan"))
+    # float32: its sums; float16: one rounding of the result, up to half a unit.
+    tol = dict(rtol=1e-5, atol=1e-5 * cols ** 0.5) if dtype == torch.float32 else dict(rtol=2 ** -11, atol=1e-4)
+    out = torch.full((tokens, rows), float("nan"), dtype=dtype)
     matvec(x, w, out, False)
-    torch.testing.assert_close(out.double(), want, rtol=1e-5, atol=1e-5 * cols ** 0.5)
-    cols_out = torch.randn(rows, tokens, generator=g)
+    torch.testing.assert_close(out.double(), want, **tol)
+    cols_out = torch.randn(rows, tokens, generator=g).to(dtype)
     start = cols_out.double().t() + want
     matvec(x, w, cols_out.t(), True)
-    torch.testing.assert_close(cols_out.t().double(), start, rtol=1e-5, atol=1e-5 * cols ** 0.5)
+    torch.testing.assert_close(cols_out.t().double(), start, **tol)
 
 
 MOE_CASES = {

@@ -1,7 +1,7 @@
 """The decode steps' matrix-vector product, torch.ops.vorta_llm.matvec, from the native module
 that the build puts beside vorta_addons (build/vorta_llm_native): `matvec(x, weight, out,
-accumulate)` sets or adds out[t, o] = sum_i x[t, i] * weight[o, i] for float32 CPU tensors,
-reading each weight once for all token rows at the speed of the weight stream.
+accumulate)` sets or adds out[t, o] = sum_i x[t, i] * weight[o, i] for float32 or float16 CPU
+tensors (float32 sums), reading each weight once for all token rows at the speed of the weight stream.
 
 `matvec` is None where the module was not built (an installed wheel carries only vorta_addons):
 the decoder then uses torch's matrix product."""

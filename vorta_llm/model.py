@@ -10,9 +10,9 @@ A decode step streams every weight once, so its speed is set by memory bandwidth
 the [out, in] layout whose rows the matrix-vector products read contiguously, query/key/value
 and gate/up are each one product, the residual adds ride on the output and down products,
 and the activations go to buffers made once per token count. The products of a few token rows
-run on the float32 matrix-vector kernel of vorta_llm.matvec where it was built (torch's
-matrix-vector path reads weights at about half the bandwidth on 2 threads); the prompt's
-products stay with torch's matrix product.
+run on the matrix-vector kernel of vorta_llm.matvec where it was built (torch's float32
+matrix-vector path reads weights at about half the bandwidth on 2 threads, its float16 one at a
+third); the prompt's products stay with torch's matrix product.
 """
 from __future__ import annotations
 
@@ -108,7 +108,7 @@ class VortaLlama:
         self.pos = 0
         self._work = {}
         self._matvec = matvec if (matvec is not None and self.device.type == "cpu"
-                                  and dtype == torch.float32) else None
+                                  and dtype in (torch.float32, torch.float16)) else None
 
     def reset(self):
         self.pos = 0
