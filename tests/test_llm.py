@@ -101,9 +101,9 @@ def test_long_cache_grouped_decode(device, kv_cache):
 @pytest.mark.parametrize("tokens", [1, 3])
 @pytest.mark.parametrize("dtype", [torch.float32, torch.float16])
 def test_matvec_against_float64(rows, cols, tokens, dtype):
-    """32-column steps with 8-column and single tails, several token rows, a strided x,
-    token-column output and accumulation into what out held; float16 sums in float32 and
-    rounds once."""
+    """32-column steps with 8-column and single tails, several token rows, x with strided rows
+    and (transposed) with strided columns, token-column output and accumulation into what out
+    held; float16 sums in float32 and rounds once."""
     g = torch.Generator().manual_seed(rows * 31 + cols)
     w = torch.randn(rows, cols, generator=g).to(dtype)
     x = torch.randn(tokens, cols + 5, generator=g).to(dtype)[:, 2:cols + 2]
@@ -115,7 +115,7 @@ def test_matvec_against_float64(rows, cols, tokens, dtype):
     torch.testing.assert_close(out.double(), want, **tol)
     cols_out = torch.randn(rows, tokens, generator=g).to(dtype)
     start = cols_out.double().t() + want
-    matvec(x, w, cols_out.t(), True)
+    matvec(x.t().contiguous().t(), w, cols_out.t(), True)
     torch.testing.assert_close(cols_out.t().double(), start, **tol)
 
 

@@ -12,7 +12,7 @@ and gate/up are each one product, the residual adds ride on the output and down 
 and the activations go to buffers made once per token count. The products of a few token rows
 run on the matrix-vector kernel of vorta_llm.matvec where it was built (torch's float32
 matrix-vector path reads weights at about half the bandwidth on 2 threads, its float16 one at a
-third); the prompt's products stay with torch's matrix product.
+third); the prompt's products stay with torch's matrix product, except a short float16 prompt's.
 """
 from __future__ import annotations
 
@@ -43,8 +43,10 @@ def missing_ops(ops, kv_cache="full", rope="cache", moe_routing=()):
 
 
 # Token rows up to which a product goes to the matrix-vector kernel: each weight row is read
-# once and applied to every token row from L1.
-MATVEC_TOKENS = 4
+# once and applied to every token row from L1. In float16 a short prompt goes there too: the
+# token rows then come from L2, which still beats torch's float16 matrix product on the CPU
+# by ten times or more (a few GFLOP/s).
+MATVEC_TOKENS = {torch.float32: 4, torch.float16: 64}
 
 # The buffers of a step traced by torch.compile: none (out=None), so that the compiled graph
 # plans its own memory, which a CUDA graph then replays in place.
@@ -156,7 +158,7 @@ class VortaLlama:
         (out None: a new tensor, in a traced step)."""
         if out is None:
             out = x.new_empty(x.shape[0], weight.shape[0])
-        if self._matvec is not None and x.shape[0] <= MATVEC_TOKENS and x.stride(-1) == 1:
+        if self._matvec is not None and x.shape[0] <= MATVEC_TOKENS[x.dtype]:
             self._matvec(x, weight, out, accumulate)
         elif accumulate:
             out.addmm_(x, weight.t())

@@ -5,8 +5,9 @@
 // it front to back, one weight row at a time, applying the row to every token row while it is
 // in L1. The band is then a single ascending stream, which the hardware prefetcher follows at
 // the full read bandwidth; reading several rows side by side instead makes each row a stream of
-// its own, a few KiB long, and ran at half that on Zen 4. Batched products (the prompt) stay
-// with torch's matrix product, which blocks for the caches.
+// its own, a few KiB long, and ran at half that on Zen 4. Token rows with strided elements, and
+// float16 ones, are first made dense float rows. Long batched products (a long prompt) belong to
+// a matrix product that blocks for the caches; the caller picks (vorta_llm/model.py).
 //
 // float32 or float16 (x, weight and out of one dtype). The sums run in float32 in a fixed order
 // per output (four partial sums per vector lane, then the tail), from float16 elements widened
@@ -19,7 +20,6 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <vector>
 
 #if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
 #include <immintrin.h>
@@ -154,22 +154,23 @@ void matvec(const at::Tensor& x, const at::Tensor& weight, at::Tensor& out, bool
   check((dtype == at::kFloat || dtype == at::kHalf) && x.scalar_type() == dtype && out.scalar_type() == dtype,
         "x, weight and out must all be float32 or all float16");
   check(weight.dim() == 2 && weight.is_contiguous(), "weight must be a dense [out, in] matrix");
-  check(x.dim() == 2 && x.size(1) == weight.size(1) && x.stride(1) == 1,
-        "x must be [tokens, in] with dense rows");
+  check(x.dim() == 2 && x.size(1) == weight.size(1), "x must be [tokens, in]");
   check(out.dim() == 2 && out.size(0) == x.size(0) && out.size(1) == weight.size(0), "out must be [tokens, out]");
   const int64_t rows = weight.size(0), cols = weight.size(1), tokens = x.size(0);
-  if (dtype == at::kFloat) {
+  if (dtype == at::kFloat && x.stride(1) == 1) {
     run(Product<float>{weight.data_ptr<float>(), x.data_ptr<float>(), out.data_ptr<float>(), rows, cols, tokens,
                        x.stride(0), out.stride(0), out.stride(1), accumulate});
     return;
   }
-  // The token rows widened once: every weight row meets them again.
-  std::vector<float> xf(size_t(tokens * cols));
-  const at::Half* xh = x.data_ptr<at::Half>();
-  for (int64_t t = 0; t < tokens; ++t)
-    for (int64_t i = 0; i < cols; ++i) xf[size_t(t * cols + i)] = float(xh[t * x.stride(0) + i]);
-  run(Product<at::Half>{weight.data_ptr<at::Half>(), xf.data(), out.data_ptr<at::Half>(), rows, cols, tokens, cols,
-                        out.stride(0), out.stride(1), accumulate});
+  // The token rows as dense float rows, made once: every weight row meets them again.
+  const at::Tensor xf = x.to(at::kFloat).contiguous();
+  const float* xp = xf.data_ptr<float>();
+  if (dtype == at::kFloat)
+    run(Product<float>{weight.data_ptr<float>(), xp, out.data_ptr<float>(), rows, cols, tokens, cols, out.stride(0),
+                       out.stride(1), accumulate});
+  else
+    run(Product<at::Half>{weight.data_ptr<at::Half>(), xp, out.data_ptr<at::Half>(), rows, cols, tokens, cols,
+                          out.stride(0), out.stride(1), accumulate});
 }
 
 }  // namespace
