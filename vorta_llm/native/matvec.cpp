@@ -102,6 +102,7 @@ __attribute__((target("avx2,fma,f16c"))) float dot_f16c(const at::Half* w, const
 
 // VORTA_CPU_ISA=generic, as for vorta_addons' kernels, keeps to the portable code.
 bool use_f16c() {
+  __builtin_cpu_init();  // this runs among the static constructors, maybe before libgcc's own
   const char* isa = std::getenv("VORTA_CPU_ISA");
   return !(isa && std::strcmp(isa, "generic") == 0) && __builtin_cpu_supports("avx2") &&
          __builtin_cpu_supports("fma") && __builtin_cpu_supports("f16c");
